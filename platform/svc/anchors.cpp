@@ -1,0 +1,126 @@
+// Process and thread anchors, the environment that switches trace on, and
+// the connection-state control block.
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "svc.h"
+#include "svc_internal.h"
+
+svcPROCESSANCHOR processAnchor = {{'S', 'V', 'P', 'A'}, 0, 0xFFFFFFFFu, 0, 0, 0, 0};
+pthread_key_t threadAnchorKey;
+
+namespace {
+
+// Trace option words behind the names VXSVC_TRACE accepts.
+constexpr std::uint32_t kApiOptions = 0x1;
+constexpr std::uint32_t kDetailOptions = 0x1 | 0xC0000 | 0x20 | 0x400 | 0x80000;
+
+std::string directoryFromEnvironment(const char *variable, const char *leaf) {
+  if (const char *value = std::getenv(variable); value && *value) return value;
+  const char *tmp = std::getenv("TMPDIR");
+  return std::string(tmp && *tmp ? tmp : "/tmp") + "/" + leaf;
+}
+
+// Set once by the load-time constructor, read-only afterwards.
+std::string gTraceDirectory;
+std::string gReportDirectory;
+
+void releaseThreadAnchor(void *anchor) { std::free(anchor); }
+
+void applyTraceSetting(const char *setting) {
+  if (!setting || !*setting || std::strcmp(setting, "off") == 0) return;
+  processAnchor.traceEnabled = 1;
+  processAnchor.traceLevel = 0;
+  processAnchor.traceOptions = std::strcmp(setting, "api") == 0 ? kApiOptions : kDetailOptions;
+}
+
+void loadCommonServices() {
+  pthread_key_create(&threadAnchorKey, releaseThreadAnchor);
+  processAnchor.owningPid = static_cast<int32_t>(getpid());
+  applyTraceSetting(std::getenv("VXSVC_TRACE"));
+  if (const char *options = std::getenv("VXSVC_TRACE_OPTIONS"))
+    processAnchor.traceOptions = static_cast<std::uint32_t>(std::strtoul(options, nullptr, 0));
+  if (const char *early = std::getenv("VXSVC_TRACE_EARLY"))
+    processAnchor.earlyTrace = std::atoi(early);
+  if (const char *guard = std::getenv("VXSVC_SIGNAL_GUARD"))
+    processAnchor.signalGuard = std::atoi(guard);
+  gTraceDirectory = directoryFromEnvironment("VXSVC_TRACE_DIR", "vxai-trace");
+  gReportDirectory = directoryFromEnvironment("VXSVC_REPORT_DIR", "vxai-reports");
+}
+
+// Runs when the services are loaded, after the directory strings above have
+// been constructed (initialisation within one source file is in order).
+const bool gLoaded = (loadCommonServices(), true);
+
+svcCONTROLBLOCK gControlBlock;  // valid while its eye-catcher is "XIH "
+
+}  // namespace
+
+namespace svc {
+
+const std::string &traceDirectory() { return gTraceDirectory; }
+const std::string &reportDirectory() { return gReportDirectory; }
+
+bool ensureDirectory(const std::string &path) {
+  if (path.empty()) return false;
+  std::string partial;
+  for (std::size_t at = 0; at != std::string::npos;) {
+    std::size_t next = path.find('/', at + 1);
+    partial = path.substr(0, next);
+    if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST) return false;
+    at = next;
+  }
+  return true;
+}
+
+}  // namespace svc
+
+extern "C" {
+
+void svcInitialize(int32_t historySize, int32_t productId, int32_t, int32_t, int32_t) {
+  auto *anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+  if (!anchor) {
+    anchor = static_cast<svcTHREADANCHOR *>(std::calloc(1, sizeof *anchor));
+    if (!anchor) return;
+    std::memcpy(anchor->eyeCatcher, "SVTA", 4);
+    pthread_setspecific(threadAnchorKey, anchor);
+  }
+  if (historySize < 1) historySize = 1;
+  if (historySize > SVC_HISTORY_SLOTS) historySize = SVC_HISTORY_SLOTS;
+  anchor->historySize = historySize;
+  anchor->productId = productId;
+  anchor->traceActive = processAnchor.traceEnabled != 0;
+  anchor->initialised = 1;
+}
+
+svcTHREADANCHOR *svcThreadAnchor(void) {
+  return static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+}
+
+int32_t svcGetPid(void) { return static_cast<int32_t>(getpid()); }
+
+const char *svcTraceDirectory(void) { return gTraceDirectory.c_str(); }
+const char *svcReportDirectory(void) { return gReportDirectory.c_str(); }
+
+svcCONTROLBLOCK *svcControlBlock(void) {
+  return std::memcmp(gControlBlock.eyeCatcher, "XIH ", 4) == 0 ? &gControlBlock : nullptr;
+}
+
+svcCONTROLBLOCK *svcEstablishControlBlock(void) {
+  if (!svcControlBlock()) {
+    std::memcpy(gControlBlock.eyeCatcher, "XIH ", 4);
+    gControlBlock.ownerPid = svcGetPid();
+    gControlBlock.connections = 0;
+  }
+  return &gControlBlock;
+}
+
+void svcResetControlBlock(void) { std::memset(&gControlBlock, 0, sizeof gControlBlock); }
+
+}  // extern "C"
