@@ -1,0 +1,22 @@
+#!/bin/sh
+# Installs what the build needs when it is missing: a 32-bit C and C++
+# tool chain with its sanitizer run-times, CMake, Ninja and the GoogleTest
+# sources.  Safe to run again; does nothing when all is there.
+set -eu
+
+missing=""
+need() { dpkg -s "$1" >/dev/null 2>&1 || missing="$missing $1"; }
+need gcc-multilib
+need g++-multilib
+need cmake
+need ninja-build
+need googletest
+need binutils
+
+if [ -n "$missing" ]; then
+  echo "installing:$missing"
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO=sudo
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing
+fi

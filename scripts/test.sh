@@ -1,0 +1,21 @@
+#!/bin/sh
+# Builds everything and runs the whole suite twice: plain, and under
+# AddressSanitizer with UndefinedBehaviorSanitizer.  Exits non-zero on the
+# first failure.
+set -eu
+cd "$(dirname "$0")/.."
+
+sh scripts/setup.sh
+
+jobs=$(nproc)
+
+echo "== plain build and tests"
+cmake -S . -B build -G Ninja -DVX_SANITIZE=OFF
+cmake --build build -j "$jobs"
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+echo "== AddressSanitizer and UndefinedBehaviorSanitizer build and tests"
+cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=ON
+cmake --build build-asan -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-asan --output-on-failure -j "$jobs"

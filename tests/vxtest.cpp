@@ -1,0 +1,181 @@
+#include "vxtest.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace vxtest {
+
+namespace {
+
+struct NamedCode {
+  int32_t code;
+  const char *name;
+};
+
+constexpr NamedCode kReasons[] = {
+    {RC_NONE, "RC_NONE"},
+    {RC_BUFFER_ERROR, "RC_BUFFER_ERROR"},
+    {RC_BUFFER_LENGTH_ERROR, "RC_BUFFER_LENGTH_ERROR"},
+    {RC_DATA_LENGTH_ERROR, "RC_DATA_LENGTH_ERROR"},
+    {RC_MSG_DESCRIPTOR_ERROR, "RC_MSG_DESCRIPTOR_ERROR"},
+    {RC_NO_MSG_AVAILABLE, "RC_NO_MSG_AVAILABLE"},
+    {RC_OPTIONS_ERROR, "RC_OPTIONS_ERROR"},
+    {RC_STORAGE_NOT_AVAILABLE, "RC_STORAGE_NOT_AVAILABLE"},
+    {RC_MSG_TRUNCATED_ACCEPTED, "RC_MSG_TRUNCATED_ACCEPTED"},
+    {RC_MSG_TRUNCATED, "RC_MSG_TRUNCATED"},
+    {RC_WAIT_INTERVAL_ERROR, "RC_WAIT_INTERVAL_ERROR"},
+    {RC_GET_OPTIONS_ERROR, "RC_GET_OPTIONS_ERROR"},
+    {RC_COMMAND_TYPE_ERROR, "RC_COMMAND_TYPE_ERROR"},
+    {RC_SELECTOR_SET_NOT_ALLOWED, "RC_SELECTOR_SET_NOT_ALLOWED"},
+    {RC_PCF_FORMAT_ERROR, "RC_PCF_FORMAT_ERROR"},
+    {RC_SELECTOR_OUT_OF_RANGE, "RC_SELECTOR_OUT_OF_RANGE"},
+    {RC_SELECTOR_NOT_UNIQUE, "RC_SELECTOR_NOT_UNIQUE"},
+    {RC_INDEX_NOT_PRESENT, "RC_INDEX_NOT_PRESENT"},
+    {RC_STRING_ERROR, "RC_STRING_ERROR"},
+    {RC_ENCODING_NOT_SUPPORTED, "RC_ENCODING_NOT_SUPPORTED"},
+    {RC_SELECTOR_NOT_PRESENT, "RC_SELECTOR_NOT_PRESENT"},
+    {RC_OUT_SELECTOR_ERROR, "RC_OUT_SELECTOR_ERROR"},
+    {RC_STRING_TRUNCATED, "RC_STRING_TRUNCATED"},
+    {RC_SELECTOR_WRONG_TYPE, "RC_SELECTOR_WRONG_TYPE"},
+    {RC_INCONSISTENT_ITEM_TYPE, "RC_INCONSISTENT_ITEM_TYPE"},
+    {RC_INDEX_ERROR, "RC_INDEX_ERROR"},
+    {RC_SYSTEM_BAG_NOT_ALTERABLE, "RC_SYSTEM_BAG_NOT_ALTERABLE"},
+    {RC_ITEM_COUNT_ERROR, "RC_ITEM_COUNT_ERROR"},
+    {RC_FORMAT_NOT_SUPPORTED, "RC_FORMAT_NOT_SUPPORTED"},
+    {RC_SYSTEM_ITEM_NOT_ALTERABLE, "RC_SYSTEM_ITEM_NOT_ALTERABLE"},
+    {RC_ITEM_VALUE_ERROR, "RC_ITEM_VALUE_ERROR"},
+    {RC_BAG_HANDLE_ERROR, "RC_BAG_HANDLE_ERROR"},
+    {RC_PARAMETER_MISSING, "RC_PARAMETER_MISSING"},
+    {RC_COMMAND_SERVER_NOT_AVAILABLE, "RC_COMMAND_SERVER_NOT_AVAILABLE"},
+    {RC_STRING_LENGTH_ERROR, "RC_STRING_LENGTH_ERROR"},
+    {RC_COMMAND_HAS_NO_INQUIRY, "RC_COMMAND_HAS_NO_INQUIRY"},
+    {RC_NESTED_BAG_NOT_SUPPORTED, "RC_NESTED_BAG_NOT_SUPPORTED"},
+    {RC_BAG_WRONG_TYPE, "RC_BAG_WRONG_TYPE"},
+    {RC_ITEM_TYPE_ERROR, "RC_ITEM_TYPE_ERROR"},
+    {RC_SYSTEM_BAG_NOT_DELETABLE, "RC_SYSTEM_BAG_NOT_DELETABLE"},
+    {RC_SYSTEM_ITEM_NOT_DELETABLE, "RC_SYSTEM_ITEM_NOT_DELETABLE"},
+    {RC_CCSID_ERROR, "RC_CCSID_ERROR"},
+    {RC_COMMAND_FAILED, "RC_COMMAND_FAILED"},
+};
+
+}  // namespace
+
+std::string reasonName(int32_t reason) {
+  for (const NamedCode &entry : kReasons)
+    if (entry.code == reason) return std::string(entry.name) + " (" + std::to_string(reason) + ")";
+  return std::to_string(reason);
+}
+
+std::string compCodeName(int32_t compCode) {
+  switch (compCode) {
+    case CC_OK:
+      return "CC_OK";
+    case CC_WARNING:
+      return "CC_WARNING";
+    case CC_FAILED:
+      return "CC_FAILED";
+  }
+  return std::to_string(compCode);
+}
+
+::testing::AssertionResult outcomeIs(const char *, const char *, const char *, const char *,
+                                     int32_t compCode, int32_t reason, int32_t expectedCompCode,
+                                     int32_t expectedReason) {
+  if (compCode == expectedCompCode && reason == expectedReason)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "expected " << compCodeName(expectedCompCode) << " " << reasonName(expectedReason)
+         << ", got " << compCodeName(compCode) << " " << reasonName(reason);
+}
+
+int32_t liveBlocks() {
+  int32_t blocks, bytes;
+  svcMemLive(ZAI_COMPONENT, -1, &blocks, &bytes);
+  return blocks;
+}
+
+int32_t liveBytes() {
+  int32_t blocks, bytes;
+  svcMemLive(ZAI_COMPONENT, -1, &blocks, &bytes);
+  return bytes;
+}
+
+std::string dataOf(const void *bytes, size_t length) {
+  std::string out = "<data";
+  char hex[4];
+  for (size_t i = 0; i < length; ++i) {
+    std::snprintf(hex, sizeof hex, " %02X", static_cast<const uint8_t *>(bytes)[i]);
+    out += hex;
+  }
+  return out + ">";
+}
+
+std::string render(const TraceLine &line) {
+  return line.isData ? dataOf(line.data.data(), line.data.size()) : line.text;
+}
+
+TraceCapture::TraceCapture(uint32_t options, bool threadTrace) : saved_(processAnchor) {
+  svcInitialize(48, 1030, 0, 0, 0);
+  savedThreadTrace_ = svcThreadAnchor()->traceActive;
+  trcCaptureStart();
+  processAnchor.traceEnabled = 1;
+  processAnchor.traceLevel = 0;
+  processAnchor.traceOptions = options;
+  svcThreadAnchor()->traceActive = threadTrace ? 1 : 0;
+}
+
+TraceCapture::~TraceCapture() {
+  trcCaptureStop();
+  processAnchor = saved_;
+  svcThreadAnchor()->traceActive = savedThreadTrace_;
+}
+
+std::vector<TraceLine> TraceCapture::raw() const {
+  std::vector<TraceLine> out;
+  for (int32_t i = 0; i < trcCapturedCount(); ++i) {
+    trcCAPTURED captured;
+    if (trcCaptured(i, &captured) != 0) break;
+    TraceLine line{captured.isData != 0, captured.function, {}, {}};
+    if (line.isData)
+      line.data.assign(captured.bytes, captured.bytes + captured.length);
+    else
+      line.text.assign(captured.bytes, static_cast<size_t>(captured.length));
+    out.push_back(line);
+  }
+  return out;
+}
+
+std::vector<std::string> TraceCapture::lines() const {
+  std::vector<std::string> out;
+  for (const TraceLine &line : raw()) out.push_back(render(line));
+  return out;
+}
+
+ProtectedPages::ProtectedPages() {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  none = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  readOnly = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  std::memset(readOnly, 'R', page);
+  mprotect(readOnly, page, PROT_READ);
+  unmapped = mmap(nullptr, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  munmap(unmapped, page);
+}
+
+ProtectedPages::~ProtectedPages() {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  munmap(none, page);
+  munmap(readOnly, page);
+}
+
+void VxTest::SetUp() {
+  svcInjectMemFailure(0);
+  blocksAtStart_ = liveBlocks();
+}
+
+void VxTest::TearDown() {
+  svcInjectMemFailure(0);
+  EXPECT_EQ(liveBlocks(), blocksAtStart_) << "blocks of the bag library left behind";
+}
+
+}  // namespace vxtest

@@ -1,0 +1,87 @@
+// Helpers shared by the test programs: reasons by name, memory accounting,
+// trace capture and memory that cannot be read or written.
+#ifndef VX_TEST_H
+#define VX_TEST_H
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "svc.h"
+#include "vxai.h"
+#include "vxai_internal.h"
+
+namespace vxtest {
+
+// "RC_BAG_HANDLE_ERROR (2320)", or the bare number for an unknown code.
+std::string reasonName(int32_t reason);
+std::string compCodeName(int32_t compCode);
+
+// Compares a completion/reason pair with the expected one by name.
+::testing::AssertionResult outcomeIs(const char *, const char *, const char *, const char *,
+                                     int32_t compCode, int32_t reason, int32_t expectedCompCode,
+                                     int32_t expectedReason);
+
+// Blocks of svcGetMem still live for the bag library.
+int32_t liveBlocks();
+int32_t liveBytes();
+
+// One line of captured trace.
+struct TraceLine {
+  bool isData;
+  int32_t function;
+  std::string text;           // text lines
+  std::vector<uint8_t> data;  // data lines
+};
+
+// Renders a line for comparisons: text as it is, data as "<data 01 00 00 00>".
+std::string render(const TraceLine &line);
+std::string dataOf(const void *bytes, size_t length);
+inline std::string dataOf(int32_t value) { return dataOf(&value, sizeof value); }
+
+// Switches trace on through the process anchor for its lifetime and keeps the
+// lines written meanwhile.  `options` is the trace-option word.
+class TraceCapture {
+ public:
+  explicit TraceCapture(uint32_t options = 0x1, bool threadTrace = false);
+  ~TraceCapture();
+  // Lines captured so far, rendered.
+  std::vector<std::string> lines() const;
+  std::vector<TraceLine> raw() const;
+
+ private:
+  svcPROCESSANCHOR saved_;
+  int32_t savedThreadTrace_;
+};
+
+// A page that cannot be accessed at all, and one that can only be read.
+struct ProtectedPages {
+  ProtectedPages();
+  ~ProtectedPages();
+  void *none;      // PROT_NONE
+  void *readOnly;  // PROT_READ, filled with 'R'
+  void *unmapped;  // an address where nothing is mapped
+};
+
+// Base of the library's tests: no block of component 25 may be left behind
+// by a test, and injected failures are cancelled.
+class VxTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  int32_t blocksAtStart_ = 0;
+};
+
+}  // namespace vxtest
+
+// EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_BAG_HANDLE_ERROR) prints both pairs by name.
+#define EXPECT_OUTCOME(cc, rc, ecc, erc) EXPECT_PRED_FORMAT4(::vxtest::outcomeIs, cc, rc, ecc, erc)
+#define ASSERT_OUTCOME(cc, rc, ecc, erc) ASSERT_PRED_FORMAT4(::vxtest::outcomeIs, cc, rc, ecc, erc)
+#define EXPECT_OK(cc, rc) EXPECT_OUTCOME(cc, rc, CC_OK, RC_NONE)
+#define ASSERT_OK(cc, rc) ASSERT_OUTCOME(cc, rc, CC_OK, RC_NONE)
+
+#endif
