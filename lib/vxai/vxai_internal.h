@@ -84,14 +84,22 @@ constexpr int32_t ZAI_FUNCTION_NAME_ROWS = 196;
 constexpr int32_t ZAI_FUNCTION_NAME_LENGTH = 40;
 
 enum zaiFUNCTIONNUMBER : int32_t {
-  // Exported entries
-  ZAIFN_vxCreateBag = 71,
-  ZAIFN_vxDeleteBag = 72,
-  ZAIFN_vxPad = 91,
-  ZAIFN_vxTrim = 92,
-  // API layer
+  // API layer (the exported entries are the same rows less 22)
   ZAIFN_zaiVXCreateBag = 93,
   ZAIFN_zaiVXDeleteBag = 94,
+  ZAIFN_zaiVXAddString = 95,
+  ZAIFN_zaiVXSetString = 96,
+  ZAIFN_zaiVXInquireString = 97,
+  ZAIFN_zaiVXAddInteger = 98,
+  ZAIFN_zaiVXSetInteger = 99,
+  ZAIFN_zaiVXInquireInteger = 100,
+  ZAIFN_zaiVXInquireBag = 101,
+  ZAIFN_zaiVXInquireItemInfo = 102,
+  ZAIFN_zaiVXAddInquiry = 103,
+  ZAIFN_zaiVXDeleteItem = 104,
+  ZAIFN_zaiVXClearBag = 105,
+  ZAIFN_zaiVXTruncateBag = 106,
+  ZAIFN_zaiVXCountItems = 107,
   ZAIFN_zaiVXPad = 113,
   ZAIFN_zaiVXTrim = 114,
   // Internal functions
@@ -105,6 +113,22 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiFreeItem = 150,
   ZAIFN_zaiCreateBag = 152,
   ZAIFN_zaiDeleteBag = 153,
+  ZAIFN_zaiAddString = 154,
+  ZAIFN_zaiSetString = 155,
+  ZAIFN_zaiInquireString = 156,
+  ZAIFN_zaiAddInteger = 157,
+  ZAIFN_zaiSetInteger = 158,
+  ZAIFN_zaiInquireInteger = 159,
+  ZAIFN_zaiInquireBag = 160,
+  ZAIFN_zaiInquireItemInfo = 161,
+  ZAIFN_zaiDeleteItem = 162,
+  ZAIFN_zaiClearBag = 163,
+  ZAIFN_zaiTruncateBag = 164,
+  ZAIFN_zaiCountItems = 165,
+  ZAIFN_zaiAddBag = 166,
+  ZAIFN_zaiFindSelector = 167,
+  ZAIFN_zaiCheckSelector = 169,
+  ZAIFN_zaiCheckUniqueSelector = 170,
   ZAIFN_zaiAddDefaultSystemItems = 171,
 };
 
@@ -188,6 +212,16 @@ inline void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exported
   zaiApiBegin(call, function, exportedName, parms, N, pCompCode, pReason);
 }
 
+// Selector classes.
+constexpr int32_t ZAI_FIRST_SYSTEM_SELECTOR = SEL_BAG_OPTIONS;  // -8 .. -1
+inline bool zaiIsWildcard(int32_t selector) {
+  return selector == SEL_ANY_SELECTOR || selector == SEL_ANY_USER_SELECTOR ||
+         selector == SEL_ANY_SYSTEM_SELECTOR;
+}
+inline bool zaiIsSystemSelector(int32_t selector) {
+  return selector >= ZAI_FIRST_SYSTEM_SELECTOR && selector < 0;
+}
+
 // Records a failure in the caller's pair.
 inline void zaiFail(int32_t *pCompCode, int32_t *pReason, int32_t reason) {
   *pCompCode = CC_FAILED;
@@ -242,6 +276,86 @@ VXAI_EXPORT void zaiDeleteBag(zaiBAG **ppBag, int32_t *pCompCode, int32_t *pReas
 VXAI_EXPORT void zaiAddDefaultSystemItems(zaiBAG *bag, int32_t *pCompCode, int32_t *pReason);
 VXAI_EXPORT void zaiFreeItem(zaiBAG *bag, int32_t vectorIndex, int32_t *pCompCode,
                              int32_t *pReason);
+
+// ---------------------------------------------------------------------------
+// Selectors, lookup and counting
+// ---------------------------------------------------------------------------
+
+VXAI_EXPORT void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
+                                  int32_t *pReason);
+VXAI_EXPORT void zaiCheckUniqueSelector(zaiBAG *bag, int32_t selector, int32_t *pCompCode,
+                                        int32_t *pReason);
+// The item found, or null; its vector index in *foundIndex.
+VXAI_EXPORT zaiPROPERTY *zaiFindSelector(zaiBAG *bag, int32_t startIndex, int32_t selector,
+                                         int32_t itemIndex, int32_t *foundIndex, int32_t *pCompCode,
+                                         int32_t *pReason);
+VXAI_EXPORT int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector);
+
+// ---------------------------------------------------------------------------
+// Items
+// ---------------------------------------------------------------------------
+
+VXAI_EXPORT uint32_t zaiVXAddInteger(VXHBAG Bag, int32_t Selector, int32_t ItemValue,
+                                     int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXSetInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                     int32_t ItemValue, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXInquireInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                         int32_t *pItemValue, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXAddInquiry(VXHBAG Bag, int32_t Selector, int32_t *pCompCode,
+                                     int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXAddString(VXHBAG Bag, int32_t Selector, int32_t BufferLength,
+                                    const char *pBuffer, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXSetString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                    int32_t BufferLength, const char *pBuffer, int32_t *pCompCode,
+                                    int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                        int32_t BufferLength, char *pBuffer, int32_t *pStringLength,
+                                        int32_t *pCodedCharSetId, int32_t *pCompCode,
+                                        int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXInquireBag(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                     VXHBAG *pItemValue, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXInquireItemInfo(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                          int32_t *pOutSelector, int32_t *pItemType,
+                                          int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXCountItems(VXHBAG Bag, int32_t Selector, int32_t *pItemCount,
+                                     int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXDeleteItem(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
+                                     int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXClearBag(VXHBAG Bag, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXTruncateBag(VXHBAG Bag, int32_t ItemCount, int32_t *pCompCode,
+                                      int32_t *pReason);
+
+VXAI_EXPORT void zaiAddInteger(zaiBAG *bag, int32_t selector, int32_t value, int32_t *pCompCode,
+                               int32_t *pReason);
+VXAI_EXPORT void zaiSetInteger(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t value,
+                               int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiInquireInteger(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t *value,
+                                   int32_t *pCompCode, int32_t *pReason);
+// length is already resolved (never -1); the item takes its own copy.
+VXAI_EXPORT void zaiAddString(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
+                              int32_t codedCharSetId, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiSetString(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t length,
+                              const char *bytes, int32_t *pCompCode, int32_t *pReason);
+// codedCharSetId may be null.
+VXAI_EXPORT void zaiInquireString(zaiBAG *bag, int32_t selector, int32_t itemIndex,
+                                  int32_t bufferLength, char *buffer, int32_t *stringLength,
+                                  int32_t *codedCharSetId, int32_t *pCompCode, int32_t *pReason);
+// Nests a bag under a selector; from then on the holder owns it.  Only the
+// library nests bags, so this one is not exported.
+void zaiAddBag(zaiBAG *bag, int32_t selector, VXHBAG nestedBag, int32_t *pCompCode,
+               int32_t *pReason);
+// The nested handle stays owned by the holder.
+VXAI_EXPORT void zaiInquireBag(zaiBAG *bag, int32_t selector, int32_t itemIndex, VXHBAG *nestedBag,
+                               int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiInquireItemInfo(zaiBAG *bag, int32_t selector, int32_t itemIndex,
+                                    int32_t *outSelector, int32_t *itemType, int32_t *pCompCode,
+                                    int32_t *pReason);
+// unprotected != 0 lifts the protection of system items and system bags.
+VXAI_EXPORT void zaiDeleteItem(zaiBAG *bag, int32_t selector, int32_t itemIndex,
+                               int32_t unprotected, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiClearBag(zaiBAG *bag, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiTruncateBag(zaiBAG *bag, int32_t itemCount, int32_t *pCompCode,
+                                int32_t *pReason);
 
 // ---------------------------------------------------------------------------
 // Pad and trim
