@@ -3,15 +3,19 @@
 // Every live block of svcGetMem is recorded in one registry (guarded by
 // gRegistryLock): the accounting reads it, and the pointer check uses it to
 // accept the library's own records without a system call.
+#include <link.h>
 #include <linux/futex.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "svc.h"
 #include "svc_internal.h"
@@ -27,12 +31,121 @@ struct Block {
 std::shared_mutex gRegistryLock;
 std::unordered_map<std::uintptr_t, Block> gRegistry;  // guarded by gRegistryLock
 
+// Raised by every release.  A thread remembers the last block it found live
+// together with this count, and trusts the memory as long as nothing has
+// been released since: the same bag checked call after call costs no lock.
+std::atomic<std::uint32_t> gReleases{0};
+
+struct LastLiveBlock {
+  std::uintptr_t address = 0;
+  std::uint32_t size = 0;
+  std::uint32_t releases = 0;
+};
+thread_local LastLiveBlock tLastLive __attribute__((tls_model("initial-exec")));
+
 // Allocations of this thread still to go before the injected failure.
-thread_local std::int32_t tInjectCountdown = 0;
+thread_local std::int32_t tInjectCountdown __attribute__((tls_model("initial-exec"))) = 0;
 
 bool injectedFailure() {
   if (tInjectCountdown <= 0) return false;
   return --tInjectCountdown == 0;
+}
+
+// The calling thread's stack, [low, high), learnt once per thread.
+struct StackBounds {
+  std::uintptr_t low = 0;
+  std::uintptr_t high = 0;
+};
+
+const StackBounds &threadStack() {
+  thread_local StackBounds bounds __attribute__((tls_model("initial-exec"))) = [] {
+    StackBounds learnt;
+    pthread_attr_t attributes;
+    void *address = nullptr;
+    std::size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+      if (pthread_attr_getstack(&attributes, &address, &size) == 0) {
+        learnt.low = reinterpret_cast<std::uintptr_t>(address);
+        learnt.high = learnt.low + size;
+      }
+      pthread_attr_destroy(&attributes);
+    }
+    return learnt;
+  }();
+  return bounds;
+}
+
+// The part of the thread's stack above the current stack pointer is in use,
+// so it is mapped readable and writable: a caller's local variables are
+// accepted without asking the kernel.
+bool insideLiveStack(std::uintptr_t start, std::uintptr_t last) {
+  const StackBounds &stack = threadStack();
+  int marker = 0;
+  const auto top = reinterpret_cast<std::uintptr_t>(&marker);
+  return top >= stack.low && top < stack.high && start >= top && last < stack.high;
+}
+
+// Readable segments of the program and its libraries (string literals and
+// constant tables live there), rebuilt whenever the loader has loaded or
+// unloaded an object since the last look.
+struct Segment {
+  std::uintptr_t low;
+  std::uintptr_t high;  // one past the end
+};
+
+struct LoadedImages {
+  std::shared_mutex lock;
+  unsigned long long adds = 0, subs = 0;  // guarded by lock
+  std::vector<Segment> readable;          // guarded by lock
+};
+
+LoadedImages &loadedImages() {
+  static LoadedImages images;
+  return images;
+}
+
+struct LoaderCounts {
+  unsigned long long adds, subs;
+};
+
+int readLoaderCounts(dl_phdr_info *info, std::size_t, void *counts) {
+  *static_cast<LoaderCounts *>(counts) = LoaderCounts{info->dlpi_adds, info->dlpi_subs};
+  return 1;  // the counts are the same in every entry: one is enough
+}
+
+int collectReadableSegments(dl_phdr_info *info, std::size_t, void *segments) {
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const ElfW(Phdr) &header = info->dlpi_phdr[i];
+    if (header.p_type != PT_LOAD || !(header.p_flags & PF_R)) continue;
+    std::uintptr_t low = info->dlpi_addr + header.p_vaddr;
+    static_cast<std::vector<Segment> *>(segments)->push_back(Segment{low, low + header.p_memsz});
+  }
+  return 0;
+}
+
+bool insideLoadedImage(std::uintptr_t start, std::uintptr_t last) {
+  LoadedImages &images = loadedImages();
+  LoaderCounts counts{0, 0};
+  dl_iterate_phdr(readLoaderCounts, &counts);
+  {
+    std::shared_lock lock(images.lock);
+    if (counts.adds == images.adds && counts.subs == images.subs) {
+      for (const Segment &segment : images.readable)
+        if (start >= segment.low && last < segment.high) return true;
+      return false;
+    }
+  }
+  try {
+    std::vector<Segment> readable;
+    dl_iterate_phdr(collectReadableSegments, &readable);
+    std::unique_lock lock(images.lock);
+    images.readable = std::move(readable);
+    images.adds = counts.adds;
+    images.subs = counts.subs;
+  } catch (...) {
+    return false;  // without memory the kernel is asked instead
+  }
+  return insideLoadedImage(start, last);
 }
 
 std::uintptr_t pageSize() {
@@ -59,9 +172,14 @@ bool wordAccessible(std::uintptr_t address, bool write) {
 namespace svc {
 
 bool insideLiveBlock(std::uintptr_t address, std::uint32_t length) {
+  const std::uint32_t releases = gReleases.load(std::memory_order_acquire);
+  if (tLastLive.address == address && tLastLive.releases == releases)
+    return length <= tLastLive.size;
   std::shared_lock lock(gRegistryLock);
   auto found = gRegistry.find(address);
-  return found != gRegistry.end() && length <= found->second.size;
+  if (found == gRegistry.end()) return false;
+  tLastLive = LastLiveBlock{address, found->second.size, releases};
+  return length <= found->second.size;
 }
 
 }  // namespace svc
@@ -89,6 +207,7 @@ int32_t svcFreeMem(int32_t, void *block) {
   {
     std::unique_lock lock(gRegistryLock);
     if (gRegistry.erase(reinterpret_cast<std::uintptr_t>(block)) == 0) return 1;
+    gReleases.fetch_add(1, std::memory_order_release);
   }
   std::free(block);
   return 0;
@@ -115,9 +234,11 @@ int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode) {
   if (length <= 0) return 0;  // nothing will be accessed
   const auto count = static_cast<std::uintptr_t>(length);
   if (start + count - 1 < start) return 1;  // wraps past the address space
+  const std::uintptr_t last = start + count - 1;
+  if (insideLiveStack(start, last)) return 0;
   if (svc::insideLiveBlock(start, static_cast<std::uint32_t>(count))) return 0;
   const bool write = mode != SVC_CHECK_READ;
-  const std::uintptr_t last = start + count - 1;
+  if (!write && insideLoadedImage(start, last)) return 0;
   // One word per page decides for the whole page; the first word may lie a
   // little before the address when it is not aligned, but in the same page.
   for (std::uintptr_t page = start & ~(pageSize() - 1); page <= last; page += pageSize()) {
