@@ -78,6 +78,12 @@ char *zaiPadString(const char *string, char *buffer, int32_t bufferLength) {
 
 char *zaiTrimBuffer(const char *buffer, int32_t bufferLength, char *string) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiTrimBuffer);
+  // The string has room for bufferLength + 1 bytes: a negative length leaves
+  // none, and the terminator would land before the string.  Write nothing.
+  if (bufferLength < 0) {
+    zaiFramePop(&frame, RC_NONE);
+    return string;
+  }
   if (buffer != string && bufferLength > 0)
     memmove(string, buffer, static_cast<size_t>(bufferLength));
   // Only blanks are trimmed: a field that ends in nulls keeps them.

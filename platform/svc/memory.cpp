@@ -231,8 +231,9 @@ void svcInjectMemFailure(int32_t nth) { tInjectCountdown = nth > 0 ? nth : 0; }
 int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode) {
   const auto start = reinterpret_cast<std::uintptr_t>(address);
   if (start == 0) return 1;
-  if (length <= 0) return 0;  // nothing will be accessed
-  const auto count = static_cast<std::uintptr_t>(length);
+  // A length of 0 or less checks the one byte at the address, so that an
+  // address that cannot be used is refused whatever length comes with it.
+  const auto count = static_cast<std::uintptr_t>(length > 0 ? length : 1);
   if (start + count - 1 < start) return 1;  // wraps past the address space
   const std::uintptr_t last = start + count - 1;
   if (insideLiveStack(start, last)) return 0;

@@ -29,14 +29,23 @@ std::int32_t gNameRows = 0;
 
 std::mutex gTraceLock;
 FILE *gTraceFile = nullptr;      // guarded by gTraceLock; opened on first use
+pid_t gTraceFilePid = 0;         // guarded by gTraceLock; process that opened it
 bool gCapturing = false;         // guarded by gTraceLock
 std::deque<Captured> gCaptured;  // guarded by gTraceLock; a deque keeps
                                  // addresses stable while it grows
 
 FILE *traceFile() {
+  // A forked child inherits its parent's open file; it writes to a file of
+  // its own.  Every line is flushed, so closing the inherited copy loses
+  // nothing and leaves the parent's file as it is.
+  if (gTraceFile && gTraceFilePid != getpid()) {
+    std::fclose(gTraceFile);
+    gTraceFile = nullptr;
+  }
   if (!gTraceFile && svc::ensureDirectory(svc::traceDirectory())) {
     std::string path = svc::traceDirectory() + "/vxai." + std::to_string(getpid()) + ".trc";
     gTraceFile = std::fopen(path.c_str(), "a");
+    gTraceFilePid = getpid();
   }
   return gTraceFile;
 }
