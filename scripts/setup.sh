@@ -12,6 +12,7 @@ need cmake
 need ninja-build
 need googletest
 need binutils
+need clang-format
 
 if [ -n "$missing" ]; then
   echo "installing:$missing"

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace vxtest {
@@ -166,6 +167,63 @@ ProtectedPages::~ProtectedPages() {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   munmap(none, page);
   munmap(readOnly, page);
+}
+
+VXHBAG handleOf(const void *record) {
+  return static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(record));
+}
+
+uint32_t exitMarker(int32_t function, int32_t reason) {
+  return static_cast<uint32_t>(reason) << 16 |
+         static_cast<uint32_t>(ZAI_COMPONENT << 10 | function);
+}
+
+std::ostream &operator<<(std::ostream &out, const Item &item) {
+  out << "{" << item.selector << ", type " << item.type << ", ";
+  if (item.type == ITEM_TYPE_STRING) return out << "\"" << item.text << "\"}";
+  return out << item.value << "}";
+}
+
+Item integer(int32_t selector, int32_t value) { return {selector, ITEM_TYPE_INTEGER, value, {}}; }
+Item stringItem(int32_t selector, const std::string &text) {
+  return {selector, ITEM_TYPE_STRING, 0, text};
+}
+Item bagItem(int32_t selector, VXHBAG bag) { return {selector, ITEM_TYPE_BAG, bag, {}}; }
+
+std::vector<Item> itemsOf(VXHBAG bag) {
+  std::vector<Item> items;
+  int32_t count = -1, cc = -1, rc = -1;
+  vxCountItems(bag, SEL_ANY_SELECTOR, &count, &cc, &rc);
+  EXPECT_OK(cc, rc);
+  for (int32_t i = 0; i < count; ++i) {
+    Item item{0, 0, 0, {}};
+    vxInquireItemInfo(bag, SEL_ANY_SELECTOR, i, &item.selector, &item.type, &cc, &rc);
+    EXPECT_OK(cc, rc) << "item " << i;
+    if (item.type == ITEM_TYPE_INTEGER) {
+      vxInquireInteger(bag, SEL_ANY_SELECTOR, i, &item.value, &cc, &rc);
+    } else if (item.type == ITEM_TYPE_STRING) {
+      char buffer[256];
+      int32_t length = 0;
+      vxInquireString(bag, SEL_ANY_SELECTOR, i, sizeof buffer, buffer, &length, nullptr, &cc, &rc);
+      item.text.assign(buffer, static_cast<size_t>(std::clamp<int32_t>(length, 0, 256)));
+    } else {
+      vxInquireBag(bag, SEL_ANY_SELECTOR, i, &item.value, &cc, &rc);
+    }
+    EXPECT_OK(cc, rc) << "item " << i;
+    items.push_back(item);
+  }
+  return items;
+}
+
+std::vector<Item> defaultItems(int32_t bagOptions, int32_t pcfType) {
+  return {integer(SEL_BAG_OPTIONS, bagOptions),
+          integer(SEL_PCF_TYPE, pcfType),
+          integer(SEL_CODED_CHAR_SET_ID, 0),
+          integer(SEL_COMMAND, 0),
+          integer(SEL_MSG_SEQ_NUMBER, 1),
+          integer(SEL_CONTROL, 1),
+          integer(SEL_COMP_CODE, 0),
+          integer(SEL_REASON, 0)};
 }
 
 void VxTest::SetUp() {

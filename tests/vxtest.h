@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,38 @@ struct ProtectedPages {
   void *readOnly;  // PROT_READ, filled with 'R'
   void *unmapped;  // an address where nothing is mapped
 };
+
+// A handle as the caller holds it, from a record's address.
+VXHBAG handleOf(const void *record);
+
+// Exit marker of a function of the library: reason << 16 | 25 << 10 | number.
+uint32_t exitMarker(int32_t function, int32_t reason);
+
+// One item as a caller sees it through the inquiry calls.
+struct Item {
+  int32_t selector;
+  int32_t type;
+  int32_t value;     // integer items: the value; bag items: the handle
+  std::string text;  // string items
+  bool operator==(const Item &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Item &item);
+
+Item integer(int32_t selector, int32_t value);
+Item stringItem(int32_t selector, const std::string &text);
+Item bagItem(int32_t selector, VXHBAG bag);
+
+// Every item of a bag in stored order, walked with SEL_ANY_SELECTOR.
+std::vector<Item> itemsOf(VXHBAG bag);
+
+// The eight items of a new (or cleared) bag, in the order they are added.
+std::vector<Item> defaultItems(int32_t bagOptions, int32_t pcfType);
+
+template <typename T>
+std::vector<T> operator+(std::vector<T> items, const std::vector<T> &more) {
+  items.insert(items.end(), more.begin(), more.end());
+  return items;
+}
 
 // Base of the library's tests: no block of component 25 may be left behind
 // by a test, and injected failures are cancelled.

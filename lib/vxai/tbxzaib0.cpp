@@ -273,6 +273,22 @@ uint32_t zaiApiEnd(zaiAPICALL *call) {
 
 // ----- Shared checks and reports --------------------------------------------------
 
+zaiBAG *zaiCallerBag(VXHBAG handle, int32_t *pCompCode, int32_t *pReason) {
+  zaiBAG *bag = nullptr;
+  if (int32_t reason = zaiCheckBagHandle(handle, &bag); reason != RC_NONE)
+    zaiFail(pCompCode, pReason, reason);
+  return bag;
+}
+
+zaiBAG *zaiAlterableBag(VXHBAG handle, int32_t *pCompCode, int32_t *pReason) {
+  zaiBAG *bag = zaiCallerBag(handle, pCompCode, pReason);
+  if (bag && bag->systemBag) {
+    zaiFail(pCompCode, pReason, RC_SYSTEM_BAG_NOT_ALTERABLE);
+    return nullptr;
+  }
+  return bag;
+}
+
 int32_t zaiCheckBagHandle(VXHBAG handle, zaiBAG **bag) {
   zaiBAG *record = zaiDecodeHandle(handle);
   *bag = nullptr;
@@ -678,15 +694,10 @@ uint32_t zaiVXAddInteger(VXHBAG Bag, int32_t Selector, int32_t ItemValue, int32_
   zaiApiBegin(&call, ZAIFN_zaiVXAddInteger, "vxAddInteger", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (Selector < 0)  // system items are never added
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  else
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiAddInteger(bag, Selector, ItemValue, cc, rc);
   return zaiApiEnd(&call);
 }
@@ -700,15 +711,10 @@ uint32_t zaiVXSetInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_
   zaiApiBegin(&call, ZAIFN_zaiVXSetInteger, "vxSetInteger", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (Selector == SEL_BAG_OPTIONS)  // the options are fixed at creation
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS)  // the options are fixed at creation
     zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
-  else
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiSetInteger(bag, Selector, ItemIndex, ItemValue, cc, rc);
   return zaiApiEnd(&call);
 }
@@ -722,10 +728,8 @@ uint32_t zaiVXInquireInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, in
   zaiApiBegin(&call, ZAIFN_zaiVXInquireInteger, "vxInquireInteger", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (!zaiIsWildcard(Selector))
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  if (*cc == CC_OK && !zaiIsWildcard(Selector))
     zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
@@ -743,17 +747,12 @@ uint32_t zaiVXAddInquiry(VXHBAG Bag, int32_t Selector, int32_t *pCompCode, int32
   zaiApiBegin(&call, ZAIFN_zaiVXAddInquiry, "vxAddInquiry", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (!bag->adminBag)  // only administration commands inquire
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && !bag->adminBag)  // only administration commands inquire
     zaiFail(cc, rc, RC_BAG_WRONG_TYPE);
-  else if (Selector < 0)
-    zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
+  if (*cc == CC_OK && Selector < 0) zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
   // Integer and string attributes can be inquired, nested bags cannot.
-  else if (bag->checkSelectors && (Selector < 1 || Selector > kLastInquirySelector))
+  if (*cc == CC_OK && bag->checkSelectors && (Selector < 1 || Selector > kLastInquirySelector))
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
   if (*cc == CC_OK) zaiAddInteger(bag, SEL_INQUIRY_ITEM, Selector, cc, rc);
   return zaiApiEnd(&call);
@@ -806,21 +805,16 @@ uint32_t zaiVXAddString(VXHBAG Bag, int32_t Selector, int32_t BufferLength, cons
   const zaiAPIPARM parms[] = {
       zaiParmIn("Bag", &Bag),
       zaiParmIn("Selector", &Selector),
-      {"Bufferlength", "BufferLength", ZAI_PARM_IN, &BufferLength, nullptr},
+      zaiParmBufferLength(&BufferLength),
       {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &resolvedLength},
   };
   zaiAPICALL call;
   zaiApiBegin(&call, ZAIFN_zaiVXAddString, "vxAddString", parms, pCompCode, pReason);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (Selector < 0)  // system items are never added
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  else
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
   // Written after the checks: it shows the buffer over its resolved length.
@@ -840,22 +834,17 @@ uint32_t zaiVXSetString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t
       zaiParmIn("Bag", &Bag),
       zaiParmIn("Selector", &Selector),
       zaiParmIn("ItemIndex", &ItemIndex),
-      {"Bufferlength", "BufferLength", ZAI_PARM_IN, &BufferLength, nullptr},
+      zaiParmBufferLength(&BufferLength),
       {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, nullptr, &hiddenLength},
   };
   zaiAPICALL call;
   zaiApiBegin(&call, ZAIFN_zaiVXSetString, "vxSetString", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (Selector == SEL_BAG_OPTIONS)
-    zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
-  else  // system selectors pass here and fail on the integer item they name
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS) zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
+  // System selectors pass here and fail on the integer item they name.
+  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   int32_t resolvedLength;
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
@@ -870,7 +859,7 @@ uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int
       zaiParmIn("Bag", &Bag),
       zaiParmIn("Selector", &Selector),
       zaiParmIn("ItemIndex", &ItemIndex),
-      {"Bufferlength", "BufferLength", ZAI_PARM_IN, &BufferLength, nullptr},
+      zaiParmBufferLength(&BufferLength),
       {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
       {"StringLength", "Stringlength", ZAI_PARM_OUT, pStringLength, nullptr},
       zaiParmOut("CodedCharSetId", pCodedCharSetId),
@@ -879,20 +868,18 @@ uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int
   zaiApiBegin(&call, ZAIFN_zaiVXInquireString, "vxInquireString", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (pBuffer ? svcCheckPointer(pBuffer, BufferLength, SVC_CHECK_WRITE) != 0
-                   : BufferLength != 0)
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  // Without a buffer only the length (and character set) can be had.
+  if (*cc == CC_OK &&
+      (pBuffer ? svcCheckPointer(pBuffer, BufferLength, SVC_CHECK_WRITE) != 0 : BufferLength != 0))
     zaiFail(cc, rc, RC_BUFFER_ERROR);
-  else if (svcCheckPointer(pStringLength, sizeof *pStringLength, SVC_CHECK_WRITE) != 0)
+  if (*cc == CC_OK && svcCheckPointer(pStringLength, sizeof *pStringLength, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_STRING_LENGTH_ERROR);
-  else if (pCodedCharSetId &&
-           svcCheckPointer(pCodedCharSetId, sizeof *pCodedCharSetId, SVC_CHECK_WRITE) != 0)
+  if (*cc == CC_OK && pCodedCharSetId &&
+      svcCheckPointer(pCodedCharSetId, sizeof *pCodedCharSetId, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_CCSID_ERROR);
-  else if (BufferLength < 0)
-    zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
-  else if (!zaiIsWildcard(Selector))
+  if (*cc == CC_OK && BufferLength < 0) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
+  if (*cc == CC_OK && !zaiIsWildcard(Selector))
     zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK)
     zaiInquireString(bag, Selector, ItemIndex, BufferLength, pBuffer, pStringLength,
@@ -991,12 +978,10 @@ uint32_t zaiVXInquireBag(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, VXHBAG
   zaiApiBegin(&call, ZAIFN_zaiVXInquireBag, "vxInquireBag", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
-  else if (!zaiIsWildcard(Selector))
+  if (*cc == CC_OK && !zaiIsWildcard(Selector))
     zaiCheckSelector(bag, Selector, ITEM_TYPE_BAG, cc, rc);
   if (*cc == CC_OK) {
     VXHBAG nested;
@@ -1016,11 +1001,8 @@ uint32_t zaiVXInquireItemInfo(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
   zaiApiBegin(&call, ZAIFN_zaiVXInquireItemInfo, "vxInquireItemInfo", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else
-    checkAnySelector(bag, Selector, cc, rc);
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  if (*cc == CC_OK) checkAnySelector(bag, Selector, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pOutSelector, sizeof *pOutSelector, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_OUT_SELECTOR_ERROR);
   if (*cc == CC_OK && svcCheckPointer(pItemType, sizeof *pItemType, SVC_CHECK_WRITE) != 0)
@@ -1044,13 +1026,10 @@ uint32_t zaiVXCountItems(VXHBAG Bag, int32_t Selector, int32_t *pItemCount, int3
   zaiApiBegin(&call, ZAIFN_zaiVXCountItems, "vxCountItems", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (svcCheckPointer(pItemCount, sizeof *pItemCount, SVC_CHECK_WRITE) != 0)
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  if (*cc == CC_OK && svcCheckPointer(pItemCount, sizeof *pItemCount, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
-  else
-    checkAnySelector(bag, Selector, cc, rc);
+  if (*cc == CC_OK) checkAnySelector(bag, Selector, cc, rc);
   if (*cc == CC_OK) *pItemCount = zaiCountItems(bag, 0, Selector);
   return zaiApiEnd(&call);
 }
@@ -1107,11 +1086,9 @@ uint32_t zaiVXDeleteItem(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_
   zaiApiBegin(&call, ZAIFN_zaiVXDeleteItem, "vxDeleteItem", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
+  // The system bag is kept at hand: a selector check may still overwrite.
+  zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
+  if (*cc == CC_OK && bag->systemBag) zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
   // The selector is judged even after a bad handle, and its verdict wins.
   // Without a bag there are no flags, so the range is not checked then.
   if ((Selector == SEL_ANY_SELECTOR || Selector == SEL_ANY_USER_SELECTOR) &&
@@ -1132,11 +1109,7 @@ uint32_t zaiVXClearBag(VXHBAG Bag, int32_t *pCompCode, int32_t *pReason) {
   zaiApiBegin(&call, ZAIFN_zaiVXClearBag, "vxClearBag", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK) zaiClearBag(bag, cc, rc);
   return zaiApiEnd(&call);
 }
@@ -1147,13 +1120,8 @@ uint32_t zaiVXTruncateBag(VXHBAG Bag, int32_t ItemCount, int32_t *pCompCode, int
   zaiApiBegin(&call, ZAIFN_zaiVXTruncateBag, "vxTruncateBag", parms, pCompCode, pReason);
   zaiApiTraceEntry(&call);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
-  zaiBAG *bag = nullptr;
-  if (int32_t reason = zaiCheckBagHandle(Bag, &bag); reason != RC_NONE)
-    zaiFail(cc, rc, reason);
-  else if (bag->systemBag)
-    zaiFail(cc, rc, RC_SYSTEM_BAG_NOT_ALTERABLE);
-  else if (ItemCount < 0)
-    zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
+  zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
+  if (*cc == CC_OK && ItemCount < 0) zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
   if (*cc == CC_OK) zaiTruncateBag(bag, ItemCount, cc, rc);
   return zaiApiEnd(&call);
 }

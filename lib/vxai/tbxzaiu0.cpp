@@ -10,7 +10,7 @@ uint32_t zaiVXPad(const char *pString, int32_t BufferLength, char *pBuffer, int3
                   int32_t *pReason) {
   const zaiAPIPARM parms[] = {
       {"String", "String", ZAI_PARM_IN_STRING, pString, nullptr},
-      {"Bufferlength", "BufferLength", ZAI_PARM_IN, &BufferLength, nullptr},
+      zaiParmBufferLength(&BufferLength),
       {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
   };
   zaiAPICALL call;
@@ -41,7 +41,7 @@ uint32_t zaiVXPad(const char *pString, int32_t BufferLength, char *pBuffer, int3
 uint32_t zaiVXTrim(int32_t BufferLength, const char *pBuffer, char *pString, int32_t *pCompCode,
                    int32_t *pReason) {
   const zaiAPIPARM parms[] = {
-      {"Bufferlength", "BufferLength", ZAI_PARM_IN, &BufferLength, nullptr},
+      zaiParmBufferLength(&BufferLength),
       {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
       {"String", "String", ZAI_PARM_OUT_STRING, pString, nullptr},
   };

@@ -181,6 +181,10 @@ constexpr zaiAPIPARM zaiParmIn(const char *name, const int32_t *value) {
 constexpr zaiAPIPARM zaiParmOut(const char *name, const int32_t *variable) {
   return {name, name, ZAI_PARM_OUT, variable, nullptr};
 }
+// The buffer length is captioned "Bufferlength:" but named "BufferLength".
+constexpr zaiAPIPARM zaiParmBufferLength(const int32_t *length) {
+  return {"Bufferlength", "BufferLength", ZAI_PARM_IN, length, nullptr};
+}
 
 // One API call in progress: frame, signal actions and what its trace shows.
 // The completion and reason pointers are the caller's, or the call's own
@@ -237,6 +241,11 @@ inline zaiBAG *zaiDecodeHandle(VXHBAG handle) {
 // Decodes a handle and checks the record it names: 0 with the record, or
 // RC_BAG_HANDLE_ERROR.  BAG_NONE and odd handles decode to no bag.
 int32_t zaiCheckBagHandle(VXHBAG handle, zaiBAG **bag);
+
+// The bag a caller names, or null with RC_BAG_HANDLE_ERROR in the pair; the
+// alterable form also refuses a system bag (RC_SYSTEM_BAG_NOT_ALTERABLE).
+zaiBAG *zaiCallerBag(VXHBAG handle, int32_t *pCompCode, int32_t *pReason);
+zaiBAG *zaiAlterableBag(VXHBAG handle, int32_t *pCompCode, int32_t *pReason);
 
 // Length of a caller's null-terminated string, read page by page so that a
 // string running into unmapped memory is refused rather than faulted on.
