@@ -12,6 +12,7 @@
 namespace {
 
 using vxtest::bagItem;
+using vxtest::countOf;
 using vxtest::defaultItems;
 using vxtest::exitMarker;
 using vxtest::handleOf;
@@ -21,52 +22,8 @@ using vxtest::itemsOf;
 using vxtest::stringItem;
 using vxtest::operator+;
 
-int32_t countOf(VXHBAG bag, int32_t selector) {
-  int32_t count = -1, cc = -1, rc = -1;
-  vxCountItems(bag, selector, &count, &cc, &rc);
-  EXPECT_OK(cc, rc);
-  return count;
-}
-
-class IntegerTest : public vxtest::VxTest {
+class IntegerTest : public vxtest::BagTest {
  protected:
-  void SetUp() override {
-    vxtest::VxTest::SetUp();
-    std::memset(zeroed_, 0, sizeof zeroed_);
-  }
-
-  void TearDown() override {
-    for (VXHBAG bag : bags_) {
-      int32_t cc, rc;
-      vxDeleteBag(&bag, &cc, &rc);
-      EXPECT_OK(cc, rc);
-    }
-    for (zaiBAG *bag : systemBags_) {
-      int32_t cc, rc;
-      zaiDeleteBag(&bag, &cc, &rc);
-    }
-    vxtest::VxTest::TearDown();
-  }
-
-  VXHBAG newBag(int32_t options) {
-    VXHBAG bag = BAG_NONE;
-    int32_t cc = -1, rc = -1;
-    vxCreateBag(options, &bag, &cc, &rc);
-    EXPECT_OK(cc, rc);
-    bags_.push_back(bag);
-    return bag;
-  }
-
-  // A bag as the library makes them for replies; callers cannot create one.
-  VXHBAG newSystemBag(int32_t options = BAG_OPT_SYSTEM_BAG | BAG_OPT_CHECK_SELECTORS) {
-    zaiBAG *bag = nullptr;
-    int32_t cc = -1, rc = -1;
-    zaiCreateBag(options, &bag, &cc, &rc);
-    EXPECT_OK(cc, rc);
-    systemBags_.push_back(bag);
-    return handleOf(bag);
-  }
-
   zaiBAG *recordOf(VXHBAG bag) { return zaiDecodeHandle(bag); }
 
   // Adds user integers until the bag holds `total` items.
@@ -77,12 +34,6 @@ class IntegerTest : public vxtest::VxTest {
       ASSERT_OK(cc, rc);
     }
   }
-
-  VXHBAG zeroedHandle() { return handleOf(zeroed_); }
-
-  std::vector<VXHBAG> bags_;
-  std::vector<zaiBAG *> systemBags_;
-  alignas(8) unsigned char zeroed_[32];
 };
 
 // A page that can be read but not written, starting with a bag eye-catcher.

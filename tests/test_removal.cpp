@@ -9,6 +9,7 @@
 namespace {
 
 using vxtest::bagItem;
+using vxtest::countOf;
 using vxtest::defaultItems;
 using vxtest::exitMarker;
 using vxtest::handleOf;
@@ -18,53 +19,14 @@ using vxtest::itemsOf;
 using vxtest::stringItem;
 using vxtest::operator+;
 
-int32_t countOf(VXHBAG bag, int32_t selector) {
-  int32_t count = -1, cc = -1, rc = -1;
-  vxCountItems(bag, selector, &count, &cc, &rc);
-  EXPECT_OK(cc, rc);
-  return count;
-}
-
-class RemovalTest : public vxtest::VxTest {
+class RemovalTest : public vxtest::BagTest {
  protected:
-  void SetUp() override {
-    vxtest::VxTest::SetUp();
-    std::memset(zeroed_, 0, sizeof zeroed_);
-  }
-
-  void TearDown() override {
-    for (VXHBAG bag : bags_) {
-      int32_t cc, rc;
-      vxDeleteBag(&bag, &cc, &rc);
-      EXPECT_OK(cc, rc);
-    }
-    for (zaiBAG *bag : systemBags_) {
-      int32_t cc, rc;
-      zaiDeleteBag(&bag, &cc, &rc);
-    }
-    vxtest::VxTest::TearDown();
-  }
-
-  // A bag of the caller's, deleted at the end of the test.
-  VXHBAG newBag(int32_t options) {
-    VXHBAG bag = createBag(options);
-    bags_.push_back(bag);
-    return bag;
-  }
-
   // A bag the test hands over to a holder (or deletes itself).
   static VXHBAG createBag(int32_t options) {
     VXHBAG bag = BAG_NONE;
     int32_t cc = -1, rc = -1;
     vxCreateBag(options, &bag, &cc, &rc);
     EXPECT_OK(cc, rc);
-    return bag;
-  }
-
-  // A bag as the library makes them for replies, owned by the test.
-  VXHBAG newSystemBag() {
-    VXHBAG bag = createSystemBag();
-    systemBags_.push_back(zaiDecodeHandle(bag));
     return bag;
   }
 
@@ -90,12 +52,6 @@ class RemovalTest : public vxtest::VxTest {
       ASSERT_OK(cc, rc) << item;
     }
   }
-
-  VXHBAG zeroedHandle() { return handleOf(zeroed_); }
-
-  std::vector<VXHBAG> bags_;
-  std::vector<zaiBAG *> systemBags_;
-  alignas(8) unsigned char zeroed_[32];
 };
 
 // ----- vxDeleteItem ----------------------------------------------------------------

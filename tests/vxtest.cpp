@@ -236,4 +236,47 @@ void VxTest::TearDown() {
   EXPECT_EQ(liveBlocks(), blocksAtStart_) << "blocks of the bag library left behind";
 }
 
+int32_t countOf(VXHBAG bag, int32_t selector) {
+  int32_t count = -1, cc = -1, rc = -1;
+  vxCountItems(bag, selector, &count, &cc, &rc);
+  EXPECT_OK(cc, rc);
+  return count;
+}
+
+void BagTest::SetUp() {
+  VxTest::SetUp();
+  std::memset(zeroed_, 0, sizeof zeroed_);
+}
+
+void BagTest::TearDown() {
+  for (VXHBAG bag : bags_) {
+    int32_t cc, rc;
+    vxDeleteBag(&bag, &cc, &rc);
+    EXPECT_OK(cc, rc);
+  }
+  for (zaiBAG *bag : systemBags_) {
+    int32_t cc, rc;
+    zaiDeleteBag(&bag, &cc, &rc);
+  }
+  VxTest::TearDown();
+}
+
+VXHBAG BagTest::newBag(int32_t options) {
+  VXHBAG bag = BAG_NONE;
+  int32_t cc = -1, rc = -1;
+  vxCreateBag(options, &bag, &cc, &rc);
+  EXPECT_OK(cc, rc);
+  bags_.push_back(bag);
+  return bag;
+}
+
+VXHBAG BagTest::newSystemBag(int32_t options) {
+  zaiBAG *bag = nullptr;
+  int32_t cc = -1, rc = -1;
+  zaiCreateBag(options, &bag, &cc, &rc);
+  EXPECT_OK(cc, rc);
+  systemBags_.push_back(bag);
+  return handleOf(bag);
+}
+
 }  // namespace vxtest

@@ -109,6 +109,27 @@ class VxTest : public ::testing::Test {
   int32_t blocksAtStart_ = 0;
 };
 
+// Count of a selector's items through vxCountItems (expected to succeed).
+int32_t countOf(VXHBAG bag, int32_t selector);
+
+// A test that makes bags: those it makes are deleted when it ends.
+class BagTest : public VxTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A bag of the caller's kind.
+  VXHBAG newBag(int32_t options);
+  // A bag as the library makes them for replies; callers cannot create one.
+  VXHBAG newSystemBag(int32_t options = BAG_OPT_SYSTEM_BAG | BAG_OPT_CHECK_SELECTORS);
+  // A handle naming 32 zero bytes: readable and writable, but no bag.
+  VXHBAG zeroedHandle() { return handleOf(zeroed_); }
+
+  std::vector<VXHBAG> bags_;
+  std::vector<zaiBAG *> systemBags_;
+  alignas(8) unsigned char zeroed_[32];
+};
+
 }  // namespace vxtest
 
 // EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_BAG_HANDLE_ERROR) prints both pairs by name.
