@@ -140,11 +140,7 @@ const std::set<int32_t> kCreateShapeCalls = {kVXCreateBag, kCreateBag, kVectorCr
 const std::string kCreateShape = "93(152(117 171(" + repeated("119", 8) + ")))";
 const std::string kDeleteShape = "94(153(" + repeated("150(120)", 8) + " 118))";
 
-std::string pointerText(const void *address) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%p", address);
-  return text;
-}
+using vxtest::pointerText;
 
 std::string vectorText(const void *address) {
   char text[32];

@@ -857,28 +857,9 @@ TEST_F(IntegerTest, InternalSetAndInquire) {
 using Lines = std::vector<std::string>;
 using vxtest::dataOf;
 
-// Parameter lines of one internal function: what is left once its entry and
-// exit lines are taken out.
-Lines parmLines(const vxtest::TraceCapture &trace, int32_t function) {
-  Lines out;
-  for (const vxtest::TraceLine &line : trace.raw()) {
-    if (line.isData || line.function != function) continue;
-    if (line.text.rfind("{ ", 0) == 0 || line.text.rfind("} ", 0) == 0) continue;
-    out.push_back(line.text);
-  }
-  return out;
-}
-
-std::string pointerText(VXHBAG bag) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%p", static_cast<void *>(zaiDecodeHandle(bag)));
-  return text;
-}
-
-void expectAllUnder(const vxtest::TraceCapture &trace, int32_t function) {
-  for (const vxtest::TraceLine &line : trace.raw())
-    EXPECT_EQ(line.function, function) << vxtest::render(line);
-}
+using vxtest::expectAllUnder;
+using vxtest::parmLines;
+using vxtest::pointerText;
 
 TEST_F(IntegerTest, TraceOfAddInteger) {
   VXHBAG bag = newBag(BAG_OPT_ADMIN_BAG);

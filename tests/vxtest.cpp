@@ -153,6 +153,26 @@ std::vector<std::string> TraceCapture::lines() const {
   return out;
 }
 
+std::vector<std::string> parmLines(const TraceCapture &trace, int32_t function) {
+  std::vector<std::string> out;
+  for (const TraceLine &line : trace.raw()) {
+    if (line.isData || line.function != function) continue;
+    if (line.text.rfind("{ ", 0) == 0 || line.text.rfind("} ", 0) == 0) continue;
+    out.push_back(line.text);
+  }
+  return out;
+}
+
+void expectAllUnder(const TraceCapture &trace, int32_t function) {
+  for (const TraceLine &line : trace.raw()) EXPECT_EQ(line.function, function) << render(line);
+}
+
+std::string pointerText(const void *address) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", address);
+  return text;
+}
+
 ProtectedPages::ProtectedPages() {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   none = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

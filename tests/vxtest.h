@@ -59,6 +59,17 @@ class TraceCapture {
   int32_t savedThreadTrace_;
 };
 
+// The parameter lines that one function wrote: its captured text lines less
+// the entry and exit lines of its frame.
+std::vector<std::string> parmLines(const TraceCapture &trace, int32_t function);
+
+// Expects every captured line to carry this function number.
+void expectAllUnder(const TraceCapture &trace, int32_t function);
+
+// An address as the parameter lines print it ("%p").
+std::string pointerText(const void *address);
+inline std::string pointerText(VXHBAG bag) { return pointerText(zaiDecodeHandle(bag)); }
+
 // A page that cannot be accessed at all, and one that can only be read.
 struct ProtectedPages {
   ProtectedPages();

@@ -148,6 +148,19 @@ bool insideLoadedImage(std::uintptr_t start, std::uintptr_t last) {
   return insideLoadedImage(start, last);
 }
 
+// True when [address, address + length) lies inside a live block of
+// svcGetMem: such memory is readable and writable without asking the kernel.
+bool insideLiveBlock(std::uintptr_t address, std::uint32_t length) {
+  const std::uint32_t releases = gReleases.load(std::memory_order_acquire);
+  if (tLastLive.address == address && tLastLive.releases == releases)
+    return length <= tLastLive.size;
+  std::shared_lock lock(gRegistryLock);
+  auto found = gRegistry.find(address);
+  if (found == gRegistry.end()) return false;
+  tLastLive = LastLiveBlock{address, found->second.size, releases};
+  return length <= found->second.size;
+}
+
 std::uintptr_t pageSize() {
   static const std::uintptr_t size = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
   return size;
@@ -168,21 +181,6 @@ bool wordAccessible(std::uintptr_t address, bool write) {
 }
 
 }  // namespace
-
-namespace svc {
-
-bool insideLiveBlock(std::uintptr_t address, std::uint32_t length) {
-  const std::uint32_t releases = gReleases.load(std::memory_order_acquire);
-  if (tLastLive.address == address && tLastLive.releases == releases)
-    return length <= tLastLive.size;
-  std::shared_lock lock(gRegistryLock);
-  auto found = gRegistry.find(address);
-  if (found == gRegistry.end()) return false;
-  tLastLive = LastLiveBlock{address, found->second.size, releases};
-  return length <= found->second.size;
-}
-
-}  // namespace svc
 
 extern "C" {
 
@@ -237,7 +235,7 @@ int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode) {
   if (start + count - 1 < start) return 1;  // wraps past the address space
   const std::uintptr_t last = start + count - 1;
   if (insideLiveStack(start, last)) return 0;
-  if (svc::insideLiveBlock(start, static_cast<std::uint32_t>(count))) return 0;
+  if (insideLiveBlock(start, static_cast<std::uint32_t>(count))) return 0;
   const bool write = mode != SVC_CHECK_READ;
   if (!write && insideLoadedImage(start, last)) return 0;
   // One word per page decides for the whole page; the first word may lie a

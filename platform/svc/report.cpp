@@ -32,23 +32,9 @@ std::string formatted(const char *format, ...) {
 }
 
 std::string dumpText(const svcDUMPAREA &area) {
-  std::string out = formatted("Dump area     : %.48s (%d bytes at 0x%08X)\n", area.label,
-                              area.length, area.address);
-  for (std::int32_t offset = 0; offset < area.length; offset += 16) {
-    std::string hex, chars;
-    for (std::int32_t i = offset; i < offset + 16; ++i) {
-      if (i < area.length) {
-        hex += formatted("%02X", area.data[i]);
-        chars +=
-            (area.data[i] >= 0x20 && area.data[i] < 0x7F) ? static_cast<char>(area.data[i]) : '.';
-      } else {
-        hex += "  ";
-      }
-      if (i % 4 == 3) hex += ' ';
-    }
-    out += formatted("  %08X  ", static_cast<unsigned>(offset)) + hex + " |" + chars + "|\n";
-  }
-  return out;
+  return formatted("Dump area     : %.48s (%d bytes at 0x%08X)\n", area.label, area.length,
+                   area.address) +
+         svc::hexLines(area.data, area.length, "  ");
 }
 
 std::string reportText(std::int32_t component, std::int32_t function, std::int32_t probe,

@@ -7,10 +7,6 @@
 
 namespace svc {
 
-// True when [address, address + length) lies inside a live block of
-// svcGetMem: such memory is readable and writable without asking the kernel.
-bool insideLiveBlock(std::uintptr_t address, std::uint32_t length);
-
 // Environment settings, read once when the services are loaded.
 const std::string &traceDirectory();
 const std::string &reportDirectory();
@@ -20,6 +16,10 @@ std::string functionName(std::int32_t function);
 
 // "HH:MM:SS.uuuuuu pid.tid", the prefix of trace lines and report headers.
 std::string timeAndThread();
+
+// Bytes as lines of 16: offset, hex in groups of four, characters; each line
+// starts with `indent` and ends with a newline.
+std::string hexLines(const unsigned char *data, std::int32_t length, const char *indent);
 
 // Makes the directory (and its parents) if missing; false if it cannot.
 bool ensureDirectory(const std::string &path);

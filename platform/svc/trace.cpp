@@ -50,27 +50,6 @@ FILE *traceFile() {
   return gTraceFile;
 }
 
-std::string hexDump(const unsigned char *data, std::int32_t length) {
-  std::string out;
-  char line[96];
-  for (std::int32_t offset = 0; offset < length; offset += 16) {
-    std::string hex, chars;
-    for (std::int32_t i = offset; i < offset + 16; ++i) {
-      if (i < length) {
-        std::snprintf(line, sizeof line, "%02X", data[i]);
-        hex += line;
-        chars += (data[i] >= 0x20 && data[i] < 0x7F) ? static_cast<char>(data[i]) : '.';
-      } else {
-        hex += "  ";
-      }
-      if (i % 4 == 3) hex += ' ';
-    }
-    std::snprintf(line, sizeof line, "    %08X  ", static_cast<unsigned>(offset));
-    out += line + hex + " |" + chars + "|\n";
-  }
-  return out;
-}
-
 void emit(std::int32_t component, std::int32_t function, bool isData, const char *bytes,
           std::int32_t length) {
   try {
@@ -84,8 +63,9 @@ void emit(std::int32_t component, std::int32_t function, bool isData, const char
     if (!file) return;
     std::string prefix = svc::timeAndThread() + " " + svc::functionName(function);
     if (isData) {
-      std::fprintf(file, "%s  %d bytes\n%s", prefix.c_str(), length,
-                   hexDump(reinterpret_cast<const unsigned char *>(bytes), length).c_str());
+      std::fprintf(
+          file, "%s  %d bytes\n%s", prefix.c_str(), length,
+          svc::hexLines(reinterpret_cast<const unsigned char *>(bytes), length, "    ").c_str());
     } else {
       std::fprintf(file, "%s  %.*s\n", prefix.c_str(), static_cast<int>(length), bytes);
     }
@@ -125,6 +105,27 @@ void emitFrameLine(const svcTHREADANCHOR *anchor, const std::string &sign,
 }  // namespace
 
 namespace svc {
+
+std::string hexLines(const unsigned char *data, std::int32_t length, const char *indent) {
+  std::string out;
+  char text[16];
+  for (std::int32_t offset = 0; offset < length; offset += 16) {
+    std::string hex, chars;
+    for (std::int32_t i = offset; i < offset + 16; ++i) {
+      if (i < length) {
+        std::snprintf(text, sizeof text, "%02X", data[i]);
+        hex += text;
+        chars += (data[i] >= 0x20 && data[i] < 0x7F) ? static_cast<char>(data[i]) : '.';
+      } else {
+        hex += "  ";
+      }
+      if (i % 4 == 3) hex += ' ';
+    }
+    std::snprintf(text, sizeof text, "%08X  ", static_cast<unsigned>(offset));
+    out += indent + std::string(text) + hex + " |" + chars + "|\n";
+  }
+  return out;
+}
 
 std::string functionName(std::int32_t function) {
   if (gNames && function >= 0 && function < gNameRows && gNames[function][0])
