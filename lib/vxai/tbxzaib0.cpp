@@ -193,6 +193,15 @@ void zaiTraceParms(const zaiFRAME *frame, const char *format, ...) {
   trcParms(anchor, "%s", line);
 }
 
+bool zaiDetailTraceOn(const zaiFRAME *frame) { return parmTraceOn(frame->anchor); }
+
+void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length) {
+  if (!parmTraceOn(frame->anchor)) return;
+  zaiTraceParms(frame, "%s", label);
+  trcDataDetail(static_cast<int32_t>(frame->identifier >> 10),
+                static_cast<int32_t>(frame->identifier & 0x3FF), kParmTraceLevel, record, length);
+}
+
 void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
                  const zaiAPIPARM *parms, int32_t parmCount, int32_t *pCompCode, int32_t *pReason) {
   svcTHREADANCHOR *anchor = threadAnchor();

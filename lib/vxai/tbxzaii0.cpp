@@ -87,4 +87,15 @@ uint32_t vxTrim(int32_t BufferLength, const char *pBuffer, char *pString, int32_
   return zaiVXTrim(BufferLength, pBuffer, pString, pCompCode, pReason);
 }
 
+uint32_t vxBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *pBuffer, VXHBAG DataBag,
+                       int32_t *pCompCode, int32_t *pReason) {
+  return zaiVXBufferToBag(OptionsBag, BufferLength, pBuffer, DataBag, pCompCode, pReason);
+}
+
+uint32_t vxBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLength, void *pBuffer,
+                       int32_t *pDataLength, int32_t *pCompCode, int32_t *pReason) {
+  return zaiVXBagToBuffer(OptionsBag, DataBag, BufferLength, pBuffer, pDataLength, pCompCode,
+                          pReason);
+}
+
 }  // extern "C"

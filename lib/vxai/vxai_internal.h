@@ -8,7 +8,9 @@
 #ifndef VXAI_INTERNAL_H
 #define VXAI_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "svc.h"
 #include "vxai.h"
@@ -100,6 +102,8 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiVXClearBag = 105,
   ZAIFN_zaiVXTruncateBag = 106,
   ZAIFN_zaiVXCountItems = 107,
+  ZAIFN_zaiVXBufferToBag = 111,
+  ZAIFN_zaiVXBagToBuffer = 112,
   ZAIFN_zaiVXPad = 113,
   ZAIFN_zaiVXTrim = 114,
   // Internal functions
@@ -110,6 +114,26 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiVectorAdd = 119,
   ZAIFN_zaiVectorRemoveAt = 120,
   ZAIFN_zaiVectorSetAt = 121,
+  ZAIFN_zaiBagToPCFMsg = 129,
+  ZAIFN_zaiBagToPCFMsgInVXAIBuffer = 130,
+  ZAIFN_zaiFreeVXAIBuffer = 131,
+  ZAIFN_zaiSendReceivePCFMsg = 132,
+  ZAIFN_zaiWritePCFHeader = 133,
+  ZAIFN_zaiWriteSinglePCFParm = 134,
+  ZAIFN_zaiWriteSingleOrListPCFParm = 135,
+  ZAIFN_zaiMapInquiryFromCommand = 136,
+  ZAIFN_zaiWritePCFListHeader = 137,
+  ZAIFN_zaiWritePCFListValue = 138,
+  ZAIFN_zaiWriteRequiredParmsForCmd = 139,
+  ZAIFN_zaiWriteMandatoryParm = 140,
+  ZAIFN_zaiWriteOptionalParm = 141,
+  ZAIFN_zaiFindLargestString = 142,
+  ZAIFN_zaiPCFMsgToBag = 144,
+  ZAIFN_zaiReadPCFHeader = 145,
+  ZAIFN_zaiReadPCFIntListParm = 146,
+  ZAIFN_zaiReadPCFIntParm = 147,
+  ZAIFN_zaiReadPCFStringParm = 148,
+  ZAIFN_zaiReadPCFStringListParm = 149,
   ZAIFN_zaiFreeItem = 150,
   ZAIFN_zaiCreateBag = 152,
   ZAIFN_zaiDeleteBag = 153,
@@ -153,6 +177,10 @@ uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason);
 // Writes an internal function's parameter line when parameter trace is on.
 void zaiTraceParms(const zaiFRAME *frame, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
+// Detailed trace: the parameter lines and the records the conversions dump.
+bool zaiDetailTraceOn(const zaiFRAME *frame);
+// A labelled record at detail level, when detailed trace is on.
+void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length);
 
 // How a parameter of an exported call appears in the API trace.
 enum zaiPARMKIND {
@@ -365,6 +393,203 @@ VXAI_EXPORT void zaiDeleteItem(zaiBAG *bag, int32_t selector, int32_t itemIndex,
 VXAI_EXPORT void zaiClearBag(zaiBAG *bag, int32_t *pCompCode, int32_t *pReason);
 VXAI_EXPORT void zaiTruncateBag(zaiBAG *bag, int32_t itemCount, int32_t *pCompCode,
                                 int32_t *pReason);
+
+// ---------------------------------------------------------------------------
+// PCF messages
+// ---------------------------------------------------------------------------
+
+// A message is a header followed by parameter structures, every field a
+// 32-bit integer in the machine's own byte order.  The records below are the
+// fixed parts; string bytes and list values follow them.  Messages sit in
+// buffers of any alignment, so fields are read and written with memcpy only.
+
+constexpr int32_t PCF_TYPE_COMMAND = 1;
+constexpr int32_t PCF_TYPE_RESPONSE = 2;
+constexpr int32_t PCF_TYPE_EVENT = 7;
+constexpr int32_t PCF_TYPE_USER = 8;
+
+constexpr int32_t PCF_TYPE_INTEGER = 3;
+constexpr int32_t PCF_TYPE_STRING = 4;
+constexpr int32_t PCF_TYPE_INTEGER_LIST = 5;
+constexpr int32_t PCF_TYPE_STRING_LIST = 6;
+
+constexpr int32_t PCF_HEADER_VERSION = 1;
+
+// Message types of the queue messages that carry PCF data.
+constexpr int32_t MSGTYPE_REQUEST = 1;
+constexpr int32_t MSGTYPE_REPLY = 2;
+constexpr int32_t MSGTYPE_DATAGRAM = 8;
+
+struct PCFHeader {
+  int32_t type;  // PCF_TYPE_COMMAND ...
+  int32_t structLength;
+  int32_t version;
+  int32_t command;
+  int32_t msgSeqNumber;
+  int32_t control;
+  int32_t compCode;
+  int32_t reason;
+  int32_t parameterCount;
+};
+static_assert(sizeof(PCFHeader) == 36, "PCFHeader is nine 32-bit words");
+
+struct PCFIntParm {
+  int32_t type;  // PCF_TYPE_INTEGER
+  int32_t structLength;
+  int32_t parameter;
+  int32_t value;
+};
+static_assert(sizeof(PCFIntParm) == 16, "PCFIntParm is four 32-bit words");
+
+// Followed by the string bytes and 0 to 3 bytes of padding.
+struct PCFStringParm {
+  int32_t type;  // PCF_TYPE_STRING
+  int32_t structLength;
+  int32_t parameter;
+  int32_t codedCharSetId;
+  int32_t stringLength;
+};
+static_assert(sizeof(PCFStringParm) == 20, "PCFStringParm has a 20-byte fixed part");
+
+// Followed by count values.
+struct PCFIntListParm {
+  int32_t type;  // PCF_TYPE_INTEGER_LIST
+  int32_t structLength;
+  int32_t parameter;
+  int32_t count;
+};
+static_assert(sizeof(PCFIntListParm) == 16, "PCFIntListParm has a 16-byte fixed part");
+
+// Followed by count strings of stringLength bytes each, zero padded.
+struct PCFStringListParm {
+  int32_t type;  // PCF_TYPE_STRING_LIST
+  int32_t structLength;
+  int32_t parameter;
+  int32_t codedCharSetId;
+  int32_t count;
+  int32_t stringLength;
+};
+static_assert(sizeof(PCFStringListParm) == 24, "PCFStringListParm has a 24-byte fixed part");
+
+// A field of a record inside a message: read, written or raised by an amount.
+inline int32_t zaiGetField(const void *record, size_t offset) {
+  int32_t value;
+  memcpy(&value, static_cast<const char *>(record) + offset, sizeof value);
+  return value;
+}
+inline void zaiPutField(void *record, size_t offset, int32_t value) {
+  memcpy(static_cast<char *>(record) + offset, &value, sizeof value);
+}
+inline void zaiRaiseField(void *record, size_t offset, int32_t by) {
+  zaiPutField(record, offset, zaiGetField(record, offset) + by);
+}
+#define ZAI_FIELD(Record, field) offsetof(Record, field)
+
+// Rounds a structure length up to the next multiple of 4.
+constexpr int32_t zaiRoundUp4(int32_t length) { return (length + 3) & ~3; }
+
+// The control area of one bag-to-message conversion.  The writers store a
+// structure only when it fits in the buffer, but always count its length, so
+// that a conversion into a buffer that is too short still measures the whole
+// message.  The written flags, one per bag item, make sure every item goes
+// out once although leading parameters and list members are written ahead of
+// their turn.  The area in a call's frame has room for ZAI_FRAME_FLAGS items;
+// a bigger bag gets an allocated area with a flag for each of its items.
+constexpr int32_t ZAI_FRAME_FLAGS = 40;
+
+struct zaiPCFBUFFER {
+  char eyeCatcher[4];  // "ZPBC"
+  int32_t areaLength;  // the whole area, flags included
+  int32_t command;
+  int32_t pcfType;
+  char *buffer;
+  int32_t bufferLength;
+  int32_t usedLength;  // offset of the next structure; in the end, the length needed
+  PCFHeader *header;   // in the buffer; null until written
+  PCFIntListParm *integerList;
+  PCFStringListParm *stringList;
+  int32_t listStringLength;   // what each string of the current list occupies
+  int32_t currentListLength;  // the current list structure so far
+  uint8_t written[ZAI_FRAME_FLAGS];
+};
+static_assert(sizeof(zaiPCFBUFFER) == 48 + ZAI_FRAME_FLAGS, "zaiPCFBUFFER is 12 words and flags");
+
+// The written flag of a bag item; an allocated area's flags run past the
+// declared array, so they are reached from the area's address.
+inline uint8_t *zaiWrittenFlag(zaiPCFBUFFER *area, int32_t itemIndex) {
+  return reinterpret_cast<uint8_t *>(area) + offsetof(zaiPCFBUFFER, written) + itemIndex;
+}
+
+// The eight characters of a message format, blank padded, not terminated.
+constexpr int32_t ZAI_FORMAT_LENGTH = 8;
+
+// ----- Bag to message ----------------------------------------------------------------
+
+VXAI_EXPORT uint32_t zaiVXBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLength,
+                                      void *pBuffer, int32_t *pDataLength, int32_t *pCompCode,
+                                      int32_t *pReason);
+
+// Writes the bag as a message for a command into the buffer.  The data length
+// is the length the whole message needs, also when the buffer is too short
+// (RC_BUFFER_LENGTH_ERROR) or the conversion failed part way; message type and
+// format are set only on success.
+VXAI_EXPORT void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *buffer,
+                                int32_t *dataLength, int32_t *msgType, char *format,
+                                int32_t *pCompCode, int32_t *pReason);
+// The same into a buffer of the library's, released with zaiFreeVXAIBuffer.
+VXAI_EXPORT void zaiBagToPCFMsgInVXAIBuffer(zaiBAG *bag, int32_t command, char **ppBuffer,
+                                            int32_t *dataLength, int32_t *msgType, char *format,
+                                            int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiFreeVXAIBuffer(char **ppBuffer);
+
+VXAI_EXPORT void zaiWritePCFHeader(zaiBAG *bag, zaiPCFBUFFER *area, int32_t *pCompCode,
+                                   int32_t *pReason);
+VXAI_EXPORT void zaiWriteSinglePCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area,
+                                       int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiWriteSingleOrListPCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area,
+                                             zaiBAG *bag, int32_t itemIndex, int32_t *pCompCode,
+                                             int32_t *pReason);
+VXAI_EXPORT void zaiWritePCFListHeader(const zaiPROPERTY *item, zaiPCFBUFFER *area, zaiBAG *bag,
+                                       int32_t itemIndex, int32_t listSelector, int32_t *pCompCode,
+                                       int32_t *pReason);
+VXAI_EXPORT void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area,
+                                      int32_t *pCompCode, int32_t *pReason);
+// The largest length of the unwritten strings that can join the item's list,
+// from startIndex on; -1 when there is none.
+VXAI_EXPORT int32_t zaiFindLargestString(zaiBAG *bag, zaiPCFBUFFER *area, const zaiPROPERTY *item,
+                                         int32_t startIndex);
+
+// Command parameter rules.
+VXAI_EXPORT void zaiWriteRequiredParmsForCmd(zaiBAG *bag, zaiPCFBUFFER *area, int32_t *pCompCode,
+                                             int32_t *pReason);
+VXAI_EXPORT void zaiWriteMandatoryParm(zaiBAG *bag, zaiPCFBUFFER *area, int32_t selector,
+                                       int32_t type, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiWriteOptionalParm(zaiBAG *bag, zaiPCFBUFFER *area, int32_t selector,
+                                      int32_t type, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiMapInquiryFromCommand(int32_t command, int32_t *listSelector,
+                                          int32_t *pCompCode, int32_t *pReason);
+
+// ----- Message to bag ----------------------------------------------------------------
+
+VXAI_EXPORT uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *pBuffer,
+                                      VXHBAG DataBag, int32_t *pCompCode, int32_t *pReason);
+
+// Clears the bag (keeping its character set) and fills it from the message.
+VXAI_EXPORT void zaiPCFMsgToBag(int32_t messageLength, const char *message, zaiBAG *bag,
+                                int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiReadPCFHeader(const char *header, zaiBAG *bag, int32_t *pCompCode,
+                                  int32_t *pReason);
+VXAI_EXPORT void zaiReadPCFIntParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                                   int32_t *pReason);
+VXAI_EXPORT void zaiReadPCFStringParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                                      int32_t *pReason);
+VXAI_EXPORT void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                                       int32_t *pReason);
+VXAI_EXPORT void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                                          int32_t *pReason);
+
+// Writes one line per item of the bag to the trace when bag dumps are on.
+VXAI_EXPORT void zaiTraceBagContents(int32_t component, int32_t function, const zaiBAG *bag);
 
 // ---------------------------------------------------------------------------
 // Pad and trim

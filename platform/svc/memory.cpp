@@ -31,6 +31,9 @@ struct Block {
 std::shared_mutex gRegistryLock;
 std::unordered_map<std::uintptr_t, Block> gRegistry;  // guarded by gRegistryLock
 
+// Largest block a request may ask for; 0: no limit.
+std::atomic<std::int32_t> gBlockLimit{0};
+
 // Raised by every release.  A thread remembers the last block it found live
 // together with this count, and trusts the memory as long as nothing has
 // been released since: the same bag checked call after call costs no lock.
@@ -187,6 +190,8 @@ extern "C" {
 int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t flags, void **block) {
   *block = nullptr;
   if (size < 0 || flags != 0 || injectedFailure()) return 1;
+  const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
+  if (limit > 0 && size > limit) return 1;
   void *memory = std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
   if (!memory) return 1;
   try {
@@ -222,6 +227,21 @@ void svcMemLive(int32_t component, int32_t function, int32_t *blocks, int32_t *b
   }
   *blocks = count;
   *bytes = total;
+}
+
+int32_t svcMemLiveBlock(int32_t component, int32_t function, void **block) {
+  std::shared_lock lock(gRegistryLock);
+  for (const auto &[address, live] : gRegistry) {
+    if (live.component == component && live.function == function) {
+      *block = reinterpret_cast<void *>(address);
+      return 0;
+    }
+  }
+  return 1;
+}
+
+void svcSetMemBlockLimit(int32_t largest) {
+  gBlockLimit.store(largest > 0 ? largest : 0, std::memory_order_relaxed);
 }
 
 void svcInjectMemFailure(int32_t nth) { tInjectCountdown = nth > 0 ? nth : 0; }

@@ -216,9 +216,19 @@ SVC_EXPORT void svcResetControlBlock(void);
  * for all of the component's functions). */
 SVC_EXPORT void svcMemLive(int32_t component, int32_t function, int32_t *blocks, int32_t *bytes);
 
+/* Finds a live block of a component's function (any one, when there are
+ * several), so that a test can release a block that a call keeps on purpose.
+ * Returns 0 with its address, or 1 when there is none. */
+SVC_EXPORT int32_t svcMemLiveBlock(int32_t component, int32_t function, void **block);
+
 /* Makes the n-th svcGetMem of the calling thread from now fail (1 = the
  * next one); 0 cancels.  Only the calling thread is affected. */
 SVC_EXPORT void svcInjectMemFailure(int32_t nth);
+
+/* Makes every svcGetMem of more than `largest` bytes fail, in every thread,
+ * as if memory had run out; 0 lifts the limit.  Lets a tool that feeds the
+ * library arbitrary input keep it from growing without end. */
+SVC_EXPORT void svcSetMemBlockLimit(int32_t largest);
 
 /* Number of failure reports raised since the process started. */
 SVC_EXPORT int32_t svcFailureReportCount(void);

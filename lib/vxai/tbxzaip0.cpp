@@ -1,0 +1,618 @@
+// The PCF structures: the writers that lay a bag's items out as parameter
+// structures, the command rules that put a command's leading parameters
+// first, and the readers that turn structures back into items.
+#include <stdint.h>
+#include <string.h>
+
+#include "vxai_internal.h"
+
+namespace {
+
+constexpr char kAreaLabel[] = "PCF Buffer Control Area";
+constexpr char kInvalidItemLabel[] = "Invalid zaiPROPERTY";
+constexpr char kItemLabel[] = "zaiPROPERTY";
+constexpr uint32_t kInvalidItemType = 0x20006122;
+constexpr uint32_t kUnexpectedLookup = 0x20006118;
+
+void *addressOf(const void *record) { return const_cast<void *>(record); }
+
+// ----- Writing ----------------------------------------------------------------------
+
+bool fits(const zaiPCFBUFFER *area, int32_t size) {
+  return int64_t{area->usedLength} + size <= area->bufferLength;
+}
+
+// The used length counts every structure, stored or not.  A message longer
+// than any buffer can be stays at the largest length there is.
+void grow(zaiPCFBUFFER *area, int32_t size) {
+  const int64_t used = int64_t{area->usedLength} + size;
+  area->usedLength = used > INT32_MAX ? INT32_MAX : static_cast<int32_t>(used);
+}
+
+char *nextStructure(const zaiPCFBUFFER *area) { return area->buffer + area->usedLength; }
+
+void countParameter(zaiPCFBUFFER *area) {
+  if (area->header) zaiRaiseField(area->header, ZAI_FIELD(PCFHeader, parameterCount), 1);
+}
+
+void traceArea(const zaiFRAME *frame, const zaiPCFBUFFER *area) {
+  zaiTraceRecord(frame, kAreaLabel, area, area->areaLength);
+}
+
+void reportInvalidItem(int32_t function, const zaiPROPERTY *item, int32_t *pCompCode,
+                       int32_t *pReason) {
+  zaiReportDamage(function, kInvalidItemType, item->type, kInvalidItemLabel, item, sizeof *item);
+  zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
+}
+
+// ----- Command rules ----------------------------------------------------------------
+
+// The attribute list that inquiry items of a command become.
+struct InquiryRow {
+  int32_t command;
+  int32_t listSelector;
+};
+constexpr InquiryRow kInquiryLists[] = {
+    {2, 1001},  {7, 1003},  {13, 1002}, {25, 1015}, {36, 1004},
+    {41, 1026}, {42, 1524}, {70, 1093}, {83, 1019},
+};
+
+// Attribute-list selectors are always written as lists, even of one value.
+bool isAttributeListSelector(int32_t selector) {
+  for (const InquiryRow &row : kInquiryLists)
+    if (row.listSelector == selector) return true;
+  return false;
+}
+
+// One leading parameter of a command.  A step runs while nothing has failed;
+// a step in place of a missing one runs only when the step before it ended
+// with RC_PARAMETER_MISSING, and by succeeding clears that failure.
+enum class Need { kMandatory, kOptional };
+enum class When { kAllWell, kInPlaceOfMissing };
+struct LeadingStep {
+  int32_t selector;
+  int32_t itemType;
+  Need need;
+  When when;
+};
+
+constexpr int32_t kMaxCommandsInRow = 7;
+constexpr int32_t kMaxSteps = 4;
+
+// One group of commands that lead with the same parameters.  Commands
+// without a row lead with nothing.
+struct LeadingRow {
+  int32_t commands[kMaxCommandsInRow];  // 0 ends a shorter list
+  LeadingStep steps[kMaxSteps];         // selector 0 ends a shorter list
+};
+
+constexpr LeadingStep M(int32_t selector, int32_t type) {
+  return {selector, type, Need::kMandatory, When::kAllWell};
+}
+constexpr LeadingStep O(int32_t selector, int32_t type) {
+  return {selector, type, Need::kOptional, When::kAllWell};
+}
+constexpr LeadingStep orElse(int32_t selector, int32_t type) {
+  return {selector, type, Need::kMandatory, When::kInPlaceOfMissing};
+}
+constexpr int32_t kStr = ITEM_TYPE_STRING;
+constexpr int32_t kInt = ITEM_TYPE_INTEGER;
+
+constexpr LeadingRow kLeadingParms[] = {
+    {{3, 5, 6, 7, 19}, {M(2012, kStr)}},
+    {{4}, {M(3003, kStr), M(3004, kStr)}},
+    {{8, 11}, {M(2016, kStr), M(20, kInt)}},
+    {{9, 12, 17, 18}, {M(2016, kStr)}},
+    {{10}, {M(3001, kStr), M(3002, kStr), M(20, kInt)}},
+    {{13}, {M(2016, kStr), O(20, kInt)}},
+    {{20, 24, 26, 27, 28, 29, 42}, {M(3501, kStr)}},
+    {{21, 23}, {M(3501, kStr), M(1511, kInt)}},
+    {{22}, {M(3007, kStr), M(3008, kStr), M(1511, kInt)}},
+    {{25}, {M(3501, kStr), O(1511, kInt)}},
+    {{30}, {M(2008, kStr)}},
+    {{32, 34, 35, 36}, {M(2010, kStr)}},
+    {{33}, {M(3005, kStr), M(3006, kStr)}},
+    {{38}, {M(1017, kInt), M(3014, kStr)}},
+    {{39}, {M(3501, kStr), M(1516, kInt)}},
+    {{70}, {M(2031, kStr)}},
+    {{71, 72}, {M(2029, kStr), orElse(2030, kStr)}},
+    {{73}, {M(2029, kStr)}},
+    {{74}, {M(2029, kStr), M(2032, kStr), orElse(2015, kStr), M(1086, kInt)}},
+    {{79, 82, 83, 84}, {M(2045, kStr)}},
+    {{80}, {M(3009, kStr), M(3010, kStr), M(66, kInt)}},
+    {{81}, {M(2045, kStr), M(66, kInt), M(2053, kStr)}},
+};
+
+const LeadingRow *leadingRowOf(int32_t command) {
+  if (command < 1 || command > 84) return nullptr;
+  for (const LeadingRow &row : kLeadingParms)
+    for (int32_t code : row.commands)
+      if (code == command) return &row;
+  return nullptr;
+}
+
+// The shared steps of a mandatory and an optional leading parameter.
+void writeLeadingParm(const zaiFRAME *frame, zaiBAG *bag, zaiPCFBUFFER *area, int32_t selector,
+                      int32_t type, Need need, int32_t *pCompCode, int32_t *pReason) {
+  zaiTraceParms(frame, "pBag:%p, selector:%d, type:%d", static_cast<void *>(bag), selector, type);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  int32_t found;
+  const zaiPROPERTY *item =
+      zaiFindSelector(bag, 0, selector, ITEM_INDEX_NONE, &found, pCompCode, pReason);
+  if (*pCompCode != CC_OK) {
+    if (*pReason == RC_SELECTOR_NOT_PRESENT) {
+      if (need == Need::kMandatory) {
+        zaiFail(pCompCode, pReason, RC_PARAMETER_MISSING);
+      } else {
+        *pCompCode = CC_OK;
+        *pReason = RC_NONE;
+      }
+    }
+  } else if (item->type != type) {
+    zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
+  } else {
+    zaiWriteSinglePCFParm(item, area, pCompCode, pReason);
+    if (*pCompCode == CC_OK) *zaiWrittenFlag(area, found) = 1;
+  }
+}
+
+// ----- Reading ----------------------------------------------------------------------
+
+// How a parameter structure becomes items: its fixed part, the check of its
+// lengths and counts, and the item type its values take.
+struct StructureReader {
+  int32_t function;
+  int32_t fixedLength;
+  int32_t itemType;
+};
+
+bool isMultipleOf4(int32_t length) { return (length & 3) == 0; }
+
+// The parameter identifier must name an item of the structure's type.
+void checkParameter(zaiBAG *bag, int32_t parameter, int32_t itemType, int32_t *pCompCode,
+                    int32_t *pReason) {
+  if (parameter < 0)
+    zaiFail(pCompCode, pReason, RC_SELECTOR_OUT_OF_RANGE);
+  else
+    zaiCheckSelector(bag, parameter, itemType, pCompCode, pReason);
+}
+
+// The fixed part of a structure that could not be read goes to the trace.
+void traceRefused(const StructureReader &reader, const char *structure, const int32_t *pCompCode) {
+  if (*pCompCode != CC_OK) trcData(ZAI_COMPONENT, reader.function, structure, reader.fixedLength);
+}
+
+}  // namespace
+
+extern "C" {
+
+// ----- Writers ----------------------------------------------------------------------
+
+void zaiWritePCFHeader(zaiBAG *bag, zaiPCFBUFFER *area, int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWritePCFHeader);
+  zaiTraceParms(&frame, "pBag:%p, usedLength:%d", static_cast<void *>(bag), area->usedLength);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (fits(area, sizeof(PCFHeader))) {
+    area->header = reinterpret_cast<PCFHeader *>(nextStructure(area));
+    PCFHeader header = {};
+    zaiInquireInteger(bag, SEL_PCF_TYPE, 0, &header.type, pCompCode, pReason);
+    if (*pCompCode == CC_OK) {
+      area->pcfType = header.type;
+      header.structLength = sizeof(PCFHeader);
+      header.version = PCF_HEADER_VERSION;
+      header.command = area->command;
+      const struct {
+        int32_t selector;
+        int32_t *field;
+      } fromBag[] = {{SEL_MSG_SEQ_NUMBER, &header.msgSeqNumber},
+                     {SEL_CONTROL, &header.control},
+                     {SEL_COMP_CODE, &header.compCode},
+                     {SEL_REASON, &header.reason}};
+      for (const auto &system : fromBag) {
+        zaiInquireInteger(bag, system.selector, 0, system.field, pCompCode, pReason);
+        if (*pCompCode != CC_OK) break;
+      }
+    }
+    memcpy(area->header, &header, sizeof header);
+  }
+  grow(area, sizeof(PCFHeader));
+  traceArea(&frame, area);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWriteSinglePCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t *pCompCode,
+                           int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWriteSinglePCFParm);
+  zaiTraceParms(&frame, "pItem:%p, selector:%d", addressOf(item), item->selector);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (item->type == ITEM_TYPE_INTEGER) {
+    const PCFIntParm parm = {PCF_TYPE_INTEGER, sizeof parm, item->selector, item->value.integer};
+    if (fits(area, parm.structLength)) {
+      memcpy(nextStructure(area), &parm, sizeof parm);
+      countParameter(area);
+    }
+    grow(area, parm.structLength);
+  } else if (item->type == ITEM_TYPE_STRING) {
+    const PCFStringParm parm = {PCF_TYPE_STRING,
+                                static_cast<int32_t>(sizeof parm) + zaiRoundUp4(item->stringLength),
+                                item->selector, item->codedCharSetId, item->stringLength};
+    if (fits(area, parm.structLength)) {
+      char *structure = nextStructure(area);
+      memcpy(structure, &parm, sizeof parm);
+      // The padding after the bytes is left as the buffer held it.
+      if (item->stringLength > 0)
+        memcpy(structure + sizeof parm, item->value.string,
+               static_cast<size_t>(item->stringLength));
+      countParameter(area);
+    }
+    grow(area, parm.structLength);
+  } else {
+    reportInvalidItem(ZAIFN_zaiWriteSinglePCFParm, item, pCompCode, pReason);
+  }
+  traceArea(&frame, area);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWriteSingleOrListPCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area, zaiBAG *bag,
+                                 int32_t itemIndex, int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWriteSingleOrListPCFParm);
+  zaiTraceParms(&frame, "pBag:%p, itemIndex:%d, selector:%d", static_cast<void *>(bag), itemIndex,
+                item->selector);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  const int32_t selector = item->selector;
+  int32_t listSelector = selector;
+  bool listForm = false;
+  int32_t largestString = -1;  // of the strings that join this one's list
+  bool measured = false;
+  if (selector == SEL_INQUIRY_ITEM) {
+    zaiMapInquiryFromCommand(area->command, &listSelector, pCompCode, pReason);
+    listForm = *pCompCode == CC_OK;
+  } else if (isAttributeListSelector(selector)) {
+    listForm = true;
+  } else {
+    int32_t found;
+    zaiFindSelector(bag, itemIndex, selector, ITEM_INDEX_NONE, &found, pCompCode, pReason);
+    if (*pReason == RC_SELECTOR_NOT_UNIQUE) {
+      *pCompCode = CC_OK;
+      *pReason = RC_NONE;
+      if (item->type == ITEM_TYPE_STRING) {
+        largestString = zaiFindLargestString(bag, area, item, itemIndex + 1);
+        measured = true;
+        listForm = largestString != -1;
+      } else if (bag->requiredParmsFirst) {
+        listForm = true;
+      } else {
+        // Without reordering an integer list takes only adjacent items.
+        listForm = itemIndex + 1 < bag->items->count && bag->items->slots[itemIndex + 1] &&
+                   zaiItemAt(bag, itemIndex + 1)->selector == selector;
+      }
+    } else if (*pCompCode != CC_OK) {
+      zaiReportDamage(ZAIFN_zaiWriteSingleOrListPCFParm, kUnexpectedLookup, *pReason, kItemLabel,
+                      item, sizeof *item);
+    }
+  }
+
+  if (*pCompCode != CC_OK) {
+    // The lookup or the mapping has failed: nothing is written.
+  } else if (!listForm) {
+    zaiWriteSinglePCFParm(item, area, pCompCode, pReason);
+  } else {
+    if (item->type == ITEM_TYPE_STRING) {
+      // Every string of the list occupies the length of the longest, so
+      // that none is cut.
+      if (!measured) largestString = zaiFindLargestString(bag, area, item, itemIndex + 1);
+      area->listStringLength =
+          largestString > item->stringLength ? largestString : item->stringLength;
+    }
+    zaiWritePCFListHeader(item, area, bag, itemIndex, listSelector, pCompCode, pReason);
+    for (int32_t index = itemIndex; index < bag->items->count && *pCompCode == CC_OK; ++index) {
+      const zaiPROPERTY *member = zaiItemAt(bag, index);
+      if (!member) continue;
+      int32_t memberSelector = member->selector;
+      if (memberSelector == SEL_INQUIRY_ITEM) {
+        zaiMapInquiryFromCommand(area->command, &memberSelector, pCompCode, pReason);
+        if (*pCompCode != CC_OK) break;
+      }
+      const bool joins =
+          memberSelector == listSelector &&
+          (member->type != ITEM_TYPE_STRING || member->codedCharSetId == item->codedCharSetId);
+      if (joins) {
+        uint8_t *written = zaiWrittenFlag(area, index);
+        if (!*written) {
+          zaiWritePCFListValue(member, area, pCompCode, pReason);
+          if (*pCompCode == CC_OK) *written = 1;
+        }
+      } else if (!bag->requiredParmsFirst) {
+        break;  // without reordering only adjacent items join a list
+      }
+    }
+    if (item->type == ITEM_TYPE_STRING && *pCompCode == CC_OK) {
+      // The pad bytes after the last string are counted, not written.
+      const int32_t padding = zaiRoundUp4(area->currentListLength) - area->currentListLength;
+      grow(area, padding);
+      if (area->stringList)
+        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, structLength), padding);
+    }
+  }
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWritePCFListHeader(const zaiPROPERTY *item, zaiPCFBUFFER *area, zaiBAG *, int32_t,
+                           int32_t listSelector, int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWritePCFListHeader);
+  zaiTraceParms(&frame, "pItem:%p, listSelector:%d", addressOf(item), listSelector);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  int32_t size = 0;
+  area->integerList = nullptr;
+  area->stringList = nullptr;
+  if (item->type == ITEM_TYPE_INTEGER) {
+    const PCFIntListParm list = {PCF_TYPE_INTEGER_LIST, sizeof list, listSelector, 0};
+    size = list.structLength;
+    if (fits(area, size)) {
+      area->integerList = reinterpret_cast<PCFIntListParm *>(nextStructure(area));
+      memcpy(area->integerList, &list, sizeof list);
+      countParameter(area);
+    }
+  } else if (item->type == ITEM_TYPE_STRING) {
+    const PCFStringListParm list = {PCF_TYPE_STRING_LIST, sizeof list, listSelector,
+                                    item->codedCharSetId, 0,           area->listStringLength};
+    size = list.structLength;
+    if (fits(area, size)) {
+      area->stringList = reinterpret_cast<PCFStringListParm *>(nextStructure(area));
+      memcpy(area->stringList, &list, sizeof list);
+      countParameter(area);
+    }
+  } else {
+    reportInvalidItem(ZAIFN_zaiWritePCFListHeader, item, pCompCode, pReason);
+  }
+  if (*pCompCode == CC_OK) {
+    grow(area, size);
+    area->currentListLength = size;
+  }
+  traceArea(&frame, area);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t *pCompCode,
+                          int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWritePCFListValue);
+  zaiTraceParms(&frame, "pItem:%p, selector:%d", addressOf(item), item->selector);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (item->type == ITEM_TYPE_INTEGER) {
+    constexpr int32_t size = sizeof item->value.integer;
+    if (area->stringList) {
+      // An integer cannot join a string list.
+      zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
+    } else {
+      if (area->integerList && fits(area, size)) {
+        memcpy(nextStructure(area), &item->value.integer, size);
+        zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, structLength), size);
+        zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, count), 1);
+      }
+      grow(area, size);
+    }
+  } else if (item->type == ITEM_TYPE_STRING) {
+    const int32_t size = area->listStringLength;
+    if (item->selector == SEL_INQUIRY_ITEM || area->integerList) {
+      // Inquiry items are integers, and a string cannot join an integer list.
+      zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
+    } else {
+      if (area->stringList && fits(area, size)) {
+        char *slot = nextStructure(area);
+        const int32_t copied = item->stringLength < size ? item->stringLength : size;
+        if (copied > 0) memcpy(slot, item->value.string, static_cast<size_t>(copied));
+        memset(slot + copied, 0, static_cast<size_t>(size - copied));
+        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, structLength), size);
+        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, count), 1);
+      }
+      grow(area, size);
+      area->currentListLength += size;
+    }
+  } else {
+    reportInvalidItem(ZAIFN_zaiWritePCFListValue, item, pCompCode, pReason);
+  }
+  traceArea(&frame, area);
+  zaiFramePop(&frame, *pReason);
+}
+
+int32_t zaiFindLargestString(zaiBAG *bag, zaiPCFBUFFER *area, const zaiPROPERTY *item,
+                             int32_t startIndex) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiFindLargestString);
+  zaiTraceParms(&frame, "pBag:%p, selector:%d, startIndex:%d", static_cast<void *>(bag),
+                item->selector, startIndex);
+  int32_t largest = -1;
+  for (int32_t index = startIndex; index < bag->items->count; ++index) {
+    const zaiPROPERTY *other = zaiItemAt(bag, index);
+    const bool matches = other && other->selector == item->selector &&
+                         other->type == ITEM_TYPE_STRING &&
+                         other->codedCharSetId == item->codedCharSetId;
+    if (matches) {
+      if (!*zaiWrittenFlag(area, index) && other->stringLength > largest)
+        largest = other->stringLength;
+    } else if (!bag->requiredParmsFirst) {
+      break;
+    }
+  }
+  // The exit marker carries the length found in place of a reason.
+  zaiFramePop(&frame, largest);
+  return largest;
+}
+
+// ----- Command rules ----------------------------------------------------------------
+
+void zaiWriteRequiredParmsForCmd(zaiBAG *bag, zaiPCFBUFFER *area, int32_t *pCompCode,
+                                 int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWriteRequiredParmsForCmd);
+  zaiTraceParms(&frame, "pBag:%p, command:%d", static_cast<void *>(bag), area->command);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (const LeadingRow *row = leadingRowOf(area->command)) {
+    for (const LeadingStep &step : row->steps) {
+      if (step.selector == 0) break;
+      const bool runs =
+          step.when == When::kAllWell ? *pCompCode == CC_OK : *pReason == RC_PARAMETER_MISSING;
+      if (!runs) continue;
+      if (step.need == Need::kMandatory)
+        zaiWriteMandatoryParm(bag, area, step.selector, step.itemType, pCompCode, pReason);
+      else
+        zaiWriteOptionalParm(bag, area, step.selector, step.itemType, pCompCode, pReason);
+    }
+  }
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWriteMandatoryParm(zaiBAG *bag, zaiPCFBUFFER *area, int32_t selector, int32_t type,
+                           int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWriteMandatoryParm);
+  writeLeadingParm(&frame, bag, area, selector, type, Need::kMandatory, pCompCode, pReason);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiWriteOptionalParm(zaiBAG *bag, zaiPCFBUFFER *area, int32_t selector, int32_t type,
+                          int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiWriteOptionalParm);
+  writeLeadingParm(&frame, bag, area, selector, type, Need::kOptional, pCompCode, pReason);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiMapInquiryFromCommand(int32_t command, int32_t *listSelector, int32_t *pCompCode,
+                              int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiMapInquiryFromCommand);
+  zaiTraceParms(&frame, "command:%d", command);
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  const InquiryRow *found = nullptr;
+  for (const InquiryRow &row : kInquiryLists)
+    if (row.command == command) found = &row;
+  if (found)
+    *listSelector = found->listSelector;
+  else
+    zaiFail(pCompCode, pReason, RC_COMMAND_HAS_NO_INQUIRY);
+  zaiFramePop(&frame, *pReason);
+}
+
+// ----- Readers ----------------------------------------------------------------------
+
+void zaiReadPCFHeader(const char *header, zaiBAG *bag, int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFHeader);
+  zaiTraceParms(&frame, "pHeader:%p, pBag:%p", addressOf(header), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  zaiTraceRecord(&frame, "PCF Header", header, sizeof(PCFHeader));
+  PCFHeader fields;
+  memcpy(&fields, header, sizeof fields);
+  if (fields.structLength != static_cast<int32_t>(sizeof fields) ||
+      fields.version != PCF_HEADER_VERSION || fields.parameterCount < 0) {
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  } else {
+    const struct {
+      int32_t selector;
+      int32_t value;
+    } toBag[] = {{SEL_PCF_TYPE, fields.type},
+                 {SEL_COMMAND, fields.command},
+                 {SEL_MSG_SEQ_NUMBER, fields.msgSeqNumber},
+                 {SEL_CONTROL, fields.control},
+                 {SEL_COMP_CODE, fields.compCode},
+                 {SEL_REASON, fields.reason}};
+    for (const auto &system : toBag) {
+      zaiSetInteger(bag, system.selector, 0, system.value, pCompCode, pReason);
+      if (*pCompCode != CC_OK) break;
+    }
+  }
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiReadPCFIntParm(const char *structure, zaiBAG *bag, int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFIntParm);
+  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  constexpr StructureReader reader = {ZAIFN_zaiReadPCFIntParm, 12, ITEM_TYPE_INTEGER};
+  PCFIntParm parm;
+  memcpy(&parm, structure, sizeof parm);
+  // No surplus: an integer structure is exactly its four words.
+  if (parm.structLength != static_cast<int32_t>(sizeof parm))
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  else
+    checkParameter(bag, parm.parameter, reader.itemType, pCompCode, pReason);
+  if (*pCompCode == CC_OK) zaiAddInteger(bag, parm.parameter, parm.value, pCompCode, pReason);
+  traceRefused(reader, structure, pCompCode);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiReadPCFStringParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                          int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFStringParm);
+  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  constexpr StructureReader reader = {ZAIFN_zaiReadPCFStringParm, 20, ITEM_TYPE_STRING};
+  PCFStringParm parm;
+  memcpy(&parm, structure, sizeof parm);
+  if (!isMultipleOf4(parm.structLength) || parm.stringLength < 0 ||
+      parm.structLength < int64_t{sizeof parm} + parm.stringLength)
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  else
+    checkParameter(bag, parm.parameter, reader.itemType, pCompCode, pReason);
+  // Exactly the bytes the structure counts: the padding is not part of them.
+  if (*pCompCode == CC_OK)
+    zaiAddString(bag, parm.parameter, parm.stringLength, structure + sizeof parm,
+                 parm.codedCharSetId, pCompCode, pReason);
+  traceRefused(reader, structure, pCompCode);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                           int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFIntListParm);
+  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  constexpr StructureReader reader = {ZAIFN_zaiReadPCFIntListParm, 16, ITEM_TYPE_INTEGER};
+  PCFIntListParm list;
+  memcpy(&list, structure, sizeof list);
+  if (!isMultipleOf4(list.structLength) || list.count < 0 ||
+      list.structLength < int64_t{sizeof list} + int64_t{4} * list.count)
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  else
+    checkParameter(bag, list.parameter, reader.itemType, pCompCode, pReason);
+  // Values added before a failure stay in the bag.
+  const char *values = structure + sizeof list;
+  for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
+    zaiAddInteger(bag, list.parameter, zaiGetField(values, 4 * static_cast<size_t>(i)), pCompCode,
+                  pReason);
+  traceRefused(reader, structure, pCompCode);
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                              int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFStringListParm);
+  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  constexpr StructureReader reader = {ZAIFN_zaiReadPCFStringListParm, 24, ITEM_TYPE_STRING};
+  PCFStringListParm list;
+  memcpy(&list, structure, sizeof list);
+  if (!isMultipleOf4(list.structLength) || list.count < 0 || list.stringLength < 0 ||
+      list.structLength < int64_t{sizeof list} + int64_t{list.count} * list.stringLength)
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  else
+    checkParameter(bag, list.parameter, reader.itemType, pCompCode, pReason);
+  // Each string keeps the list's length, trailing zeros or blanks included.
+  const char *strings = structure + sizeof list;
+  for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
+    zaiAddString(bag, list.parameter, list.stringLength,
+                 strings + static_cast<size_t>(i) * static_cast<size_t>(list.stringLength),
+                 list.codedCharSetId, pCompCode, pReason);
+  traceRefused(reader, structure, pCompCode);
+  zaiFramePop(&frame, *pReason);
+}
+
+}  // extern "C"
