@@ -102,6 +102,12 @@ int32_t liveBytes() {
   return bytes;
 }
 
+bool releaseKeptBlock(int32_t function) {
+  void *block = nullptr;
+  return svcMemLiveBlock(ZAI_COMPONENT, function, &block) == 0 &&
+         svcFreeMem(ZAI_COMPONENT, block) == 0;
+}
+
 std::string dataOf(const void *bytes, size_t length) {
   std::string out = "<data";
   char hex[4];

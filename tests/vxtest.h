@@ -31,6 +31,10 @@ std::string compCodeName(int32_t compCode);
 int32_t liveBlocks();
 int32_t liveBytes();
 
+// Releases a block that a call of the library keeps on purpose, found by the
+// function number it was taken under; false when there is none.
+bool releaseKeptBlock(int32_t function);
+
 // One line of captured trace.
 struct TraceLine {
   bool isData;
