@@ -393,6 +393,32 @@ TEST_F(SvcTest, BlockMayBeReleasedByAnotherThread) {
   EXPECT_EQ(blocks, 0);
 }
 
+TEST_F(SvcTest, LiveBlockIsFoundByComponentAndFunction) {
+  void *block = &block;
+  EXPECT_EQ(svcMemLiveBlock(kTestComponent, 8, &block), 1) << "none yet";
+  void *mine = nullptr, *other = nullptr;
+  ASSERT_EQ(svcGetMem(kTestComponent, 8, 12, 0, &mine), 0);
+  ASSERT_EQ(svcGetMem(kTestComponent, 9, 12, 0, &other), 0);
+  ASSERT_EQ(svcMemLiveBlock(kTestComponent, 8, &block), 0);
+  EXPECT_EQ(block, mine);
+  EXPECT_EQ(svcMemLiveBlock(kTestComponent + 1, 8, &block), 1) << "another component's";
+  EXPECT_EQ(svcFreeMem(kTestComponent, mine), 0);
+  EXPECT_EQ(svcMemLiveBlock(kTestComponent, 8, &block), 1) << "released";
+  EXPECT_EQ(svcFreeMem(kTestComponent, other), 0);
+}
+
+TEST_F(SvcTest, BlockLimitRefusesLargerBlocksOnly) {
+  svcSetMemBlockLimit(64);
+  void *small = nullptr, *large = &large;
+  EXPECT_EQ(svcGetMem(kTestComponent, 1, 64, 0, &small), 0);
+  EXPECT_NE(svcGetMem(kTestComponent, 1, 65, 0, &large), 0);
+  EXPECT_EQ(large, nullptr);
+  svcSetMemBlockLimit(0);
+  EXPECT_EQ(svcGetMem(kTestComponent, 1, 65, 0, &large), 0) << "limit lifted";
+  EXPECT_EQ(svcFreeMem(kTestComponent, small), 0);
+  EXPECT_EQ(svcFreeMem(kTestComponent, large), 0);
+}
+
 TEST_F(SvcTest, InjectedFailureHitsTheNthAllocationOnly) {
   void *blocks[4] = {};
   svcInjectMemFailure(3);
