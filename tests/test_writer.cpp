@@ -1193,6 +1193,25 @@ TEST_F(Writer, InquiryStringIsRefusedAsAListValueWithoutAReport) {
   EXPECT_EQ(svcFailureReportCount(), reports);
 }
 
+// A bag without checked selectors can hold a string under an attribute-list
+// selector beside inquiry items.  The list takes values of the kind of the
+// item that opened it; a value of the other kind is refused the same way
+// whether the buffer has room or the call only measures.
+TEST_F(Writer, ListOfOneKindRefusesTheOtherAlikeWhenMeasuringAndWriting) {
+  for (bool stringFirst : {true, false}) {
+    SCOPED_TRACE(stringFirst ? "string opens the list" : "inquiry opens the list");
+    VXHBAG bag = newBag(BAG_OPT_LIST_FORM_ALLOWED | BAG_OPT_REQUIRED_PARMS_FIRST);
+    if (stringFirst) addString(bag, 1001, "x");
+    addInteger(bag, SEL_INQUIRY_ITEM, 5);
+    if (!stringFirst) addString(bag, 1001, "x");
+    Converted measured = convert(bag, 2, 0);
+    EXPECT_OUTCOME(measured.cc, measured.rc, CC_FAILED, RC_SELECTOR_WRONG_TYPE);
+    Converted written = convert(bag, 2, 4096);
+    EXPECT_OUTCOME(written.cc, written.rc, CC_FAILED, RC_SELECTOR_WRONG_TYPE);
+    EXPECT_EQ(written.dataLength, measured.dataLength);
+  }
+}
+
 TEST_F(Writer, UnexpectedLookupResultIsReported) {
   // An item that is not in the bag at the index given: its selector is not
   // found from there on.

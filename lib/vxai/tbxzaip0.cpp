@@ -45,6 +45,14 @@ void reportInvalidItem(int32_t function, const zaiPROPERTY *item, int32_t *pComp
   zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
 }
 
+// An integer among strings or a string among integers.
+bool holdsOtherKind(const zaiPROPERTY *member, const zaiPROPERTY *opener) {
+  const auto proper = [](int32_t type) {
+    return type == ITEM_TYPE_INTEGER || type == ITEM_TYPE_STRING;
+  };
+  return proper(member->type) && proper(opener->type) && member->type != opener->type;
+}
+
 // ----- Command rules ----------------------------------------------------------------
 
 // The attribute list that inquiry items of a command become.
@@ -322,7 +330,13 @@ void zaiWriteSingleOrListPCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area, za
           (member->type != ITEM_TYPE_STRING || member->codedCharSetId == item->codedCharSetId);
       if (joins) {
         uint8_t *written = zaiWrittenFlag(area, index);
-        if (!*written) {
+        if (*written) {
+          // Already out, as a leading parameter or in an earlier list.
+        } else if (holdsOtherKind(member, item)) {
+          // A list holds values of one kind; decided by the item that opened
+          // it, so that measuring and writing agree.
+          zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
+        } else {
           zaiWritePCFListValue(member, area, pCompCode, pReason);
           if (*pCompCode == CC_OK) *written = 1;
         }
@@ -386,21 +400,16 @@ void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t *
   *pReason = RC_NONE;
   if (item->type == ITEM_TYPE_INTEGER) {
     constexpr int32_t size = sizeof item->value.integer;
-    if (area->stringList) {
-      // An integer cannot join a string list.
-      zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
-    } else {
-      if (area->integerList && fits(area, size)) {
-        memcpy(nextStructure(area), &item->value.integer, size);
-        zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, structLength), size);
-        zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, count), 1);
-      }
-      grow(area, size);
+    if (area->integerList && fits(area, size)) {
+      memcpy(nextStructure(area), &item->value.integer, size);
+      zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, structLength), size);
+      zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, count), 1);
     }
+    grow(area, size);
   } else if (item->type == ITEM_TYPE_STRING) {
     const int32_t size = area->listStringLength;
-    if (item->selector == SEL_INQUIRY_ITEM || area->integerList) {
-      // Inquiry items are integers, and a string cannot join an integer list.
+    if (item->selector == SEL_INQUIRY_ITEM) {
+      // Inquiry items name attributes: they are integers.
       zaiFail(pCompCode, pReason, RC_SELECTOR_WRONG_TYPE);
     } else {
       if (area->stringList && fits(area, size)) {
