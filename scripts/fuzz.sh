@@ -1,0 +1,71 @@
+#!/bin/sh
+# Builds the PCF fuzz target with clang, libFuzzer, AddressSanitizer and
+# UndefinedBehaviorSanitizer, and runs it for a bounded time on a copy of the
+# seed corpus.  Exits non-zero on any crash, leak, time-out, sanitizer report
+# or broken invariant; the input that caused it is left in the build
+# directory's artifacts/.
+#
+#   sh scripts/fuzz.sh [build directory]      (default: build-fuzz; relative
+#                                             to the repository root)
+#   FUZZ_SECONDS=600 sh scripts/fuzz.sh       (default: 60 seconds)
+set -eu
+cd "$(dirname "$0")/.."
+
+sh scripts/setup.sh
+
+# clang and its 32-bit libFuzzer and sanitizer run-times.
+missing=""
+need() { dpkg -s "$1" >/dev/null 2>&1 || missing="$missing $1"; }
+need clang
+need libclang-rt-dev
+if [ -n "$missing" ]; then
+  echo "installing:$missing"
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO=sudo
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing
+fi
+
+build=${1:-build-fuzz}
+seconds=${FUZZ_SECONDS:-60}
+mkdir -p "$build/obj" "$build/artifacts"
+build=$(cd "$build" && pwd)
+
+common="-m32 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
+  -fsanitize=address,undefined -fno-sanitize-recover=undefined
+  -Ilib/vxai -Iplatform/svc"
+
+echo "== building fuzz_pcf in $build"
+objects=""
+# The common services use exceptions internally; they are not the code under
+# test, so they get no coverage instrumentation.
+for source in platform/svc/*.cpp; do
+  object="$build/obj/svc_$(basename "$source" .cpp).o"
+  clang++ $common -c "$source" -o "$object"
+  objects="$objects $object"
+done
+# The library is built as its own build builds it: no exceptions, no RTTI.
+for source in lib/vxai/*.cpp; do
+  object="$build/obj/vxai_$(basename "$source" .cpp).o"
+  clang++ $common -fsanitize=fuzzer-no-link -fno-exceptions -fno-rtti -c "$source" -o "$object"
+  objects="$objects $object"
+done
+clang++ $common -fsanitize=fuzzer-no-link -c tests/fuzz/fuzz_pcf.cpp -o "$build/obj/fuzz_pcf.o"
+clang++ -m32 -pthread -fsanitize=fuzzer,address,undefined $objects "$build/obj/fuzz_pcf.o" \
+  -o "$build/fuzz_pcf"
+
+# libFuzzer adds what it finds to its first corpus directory: give it a
+# scratch copy so that the seed corpus stays as committed.
+rm -rf "$build/corpus"
+mkdir -p "$build/corpus" "$build/reports" "$build/trace"
+cp tests/fuzz/corpus/* "$build/corpus/"
+
+echo "== fuzzing for $seconds seconds"
+if ! ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
+  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  VXSVC_TRACE=off VXSVC_REPORT_DIR="$build/reports" VXSVC_TRACE_DIR="$build/trace" \
+  "$build/fuzz_pcf" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+  -print_final_stats=1 -artifact_prefix="$build/artifacts/" "$build/corpus"; then
+  echo "fuzz_pcf failed: the input is in $build/artifacts/" >&2
+  exit 1
+fi
