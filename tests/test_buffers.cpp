@@ -131,28 +131,6 @@ Lines apiLines(const vxtest::TraceCapture &capture, int32_t function) {
   return out;
 }
 
-// Two adjacent pages: the first readable and writable, the second not
-// accessible at all.
-struct PageEdge {
-  PageEdge() {
-    page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void *mapped =
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    base = mapped == MAP_FAILED ? nullptr : static_cast<char *>(mapped);
-    if (base) {
-      std::memset(base, 'A', page);
-      mprotect(base + page, page, PROT_NONE);
-    }
-  }
-  ~PageEdge() {
-    if (base) munmap(base, 2 * page);
-  }
-  // The address `before` bytes ahead of the inaccessible page.
-  char *tail(size_t before) const { return base + page - before; }
-  size_t page;
-  char *base;
-};
-
 // A message copied into a page that can then only be read.
 struct ReadOnlyMessage {
   explicit ReadOnlyMessage(const Message &message) {
@@ -399,7 +377,7 @@ TEST_F(BufferTest, BagToBufferChecksTheOptionsBagBeforeAnythingElse) {
 TEST_F(BufferTest, BufferThatCannotBeWrittenIsRefused) {
   VXHBAG bag = sampleBag();
   vxtest::ProtectedPages pages;
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   const std::pair<std::string, void *> buffers[] = {
       {"null", nullptr},
@@ -440,7 +418,7 @@ TEST_F(BufferTest, BagToBufferChecksTheBufferBeforeTheDataLength) {
 TEST_F(BufferTest, DataLengthThatCannotBeWrittenIsRefused) {
   VXHBAG bag = sampleBag();
   vxtest::ProtectedPages pages;
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   const std::pair<std::string, void *> variables[] = {
       {"null", nullptr},
@@ -675,7 +653,7 @@ TEST_F(BufferTest, BufferThatCannotBeReadIsRefused) {
   VXHBAG bag = filledBag();
   const std::vector<Item> before = itemsOf(bag);
   vxtest::ProtectedPages pages;
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   const std::pair<std::string, const void *> buffers[] = {
       {"null", nullptr},

@@ -2,9 +2,6 @@
 // directly and through vxBufferToBag, and the bag dump it writes on success.
 // Messages are assembled by hand, word by word, so that every field can be
 // made wrong on purpose.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -213,29 +210,13 @@ std::string stringLine(int32_t index, int32_t selector, int32_t ccsid) {
   return formatted("  %-2d     %-4d      ccsid: %d   String->", index, selector, ccsid);
 }
 
-// Two adjacent pages: the first readable and writable, the second not
-// accessible at all, so that a read past the end of a message placed at the
-// end of the first page faults.
-struct PageEdge {
-  PageEdge() {
-    page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void *mapped =
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    base = mapped == MAP_FAILED ? nullptr : static_cast<char *>(mapped);
-    if (base) mprotect(base + page, page, PROT_NONE);
-  }
-  ~PageEdge() {
-    if (base) munmap(base, 2 * page);
-  }
-  // A copy of the message ending on the last readable byte.
-  const char *place(const Message &message) const {
-    char *start = base + page - message.size();
-    std::memcpy(start, message.data(), message.size());
-    return start;
-  }
-  size_t page;
-  char *base;
-};
+// A copy of the message ending on the last readable byte before the page
+// that cannot be read.
+const char *atEdge(const vxtest::PageEdge &edge, const Message &message) {
+  char *start = edge.tail(message.size());
+  std::memcpy(start, message.data(), message.size());
+  return start;
+}
 
 class ReaderTest : public vxtest::BagTest {
  protected:
@@ -584,7 +565,7 @@ TEST_F(ReaderTest, StringListChecks) {
 }
 
 TEST_F(ReaderTest, NoByteBeyondTheMessageIsRead) {
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   VXHBAG bag = newBag(0);
   struct Case {
@@ -607,20 +588,20 @@ TEST_F(ReaderTest, NoByteBeyondTheMessageIsRead) {
   };
   for (const Case &test : cases) {
     int32_t cc, rc;
-    read(bag, edge.place(test.message), test.message.length(), &cc, &rc);
+    read(bag, atEdge(edge, test.message), test.message.length(), &cc, &rc);
     EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_PCF_FORMAT_ERROR) << test.what;
   }
   int32_t cc, rc;
   Message header = Message().header(0);
-  read(bag, edge.place(header) + 1, 35, &cc, &rc);
+  read(bag, atEdge(edge, header) + 1, 35, &cc, &rc);
   EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_PCF_FORMAT_ERROR);
 
   // A message that ends on the last readable byte is read to its end.
   Message whole = everyStructure();
-  read(bag, edge.place(whole), whole.length(), &cc, &rc);
+  read(bag, atEdge(edge, whole), whole.length(), &cc, &rc);
   EXPECT_OK(cc, rc);
   Message last = Message().header(1).stringParm(5, 0, "abcd");
-  vxBufferToBag(BAG_NONE, last.length(), edge.place(last), bag, &cc, &rc);
+  vxBufferToBag(BAG_NONE, last.length(), atEdge(edge, last), bag, &cc, &rc);
   EXPECT_OK(cc, rc);
   EXPECT_EQ(userItemsOf(bag), std::vector{stringItem(5, "abcd")});
 }

@@ -1,9 +1,7 @@
 // String items: vxAddString, vxSetString, vxInquireString and their internal
 // functions.  Items are examined through the bag record itself where the
 // calls alone cannot show what was stored (heap copy, length, identifier).
-#include <sys/mman.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdio>
@@ -37,28 +35,6 @@ std::string data(int32_t value) { return dataOf(value); }
 const std::string kSeparator = "__________";
 const std::string kCompOut = "Compcode      : Output Parm";
 const std::string kReasonOut = "Reason        : Output Parm";
-
-// Two adjacent pages: the first readable and writable, filled with 'A' and
-// holding no null; the second not accessible at all.
-struct PageEdge {
-  PageEdge() {
-    page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void *mapped =
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    base = mapped == MAP_FAILED ? nullptr : static_cast<char *>(mapped);
-    if (base) {
-      std::memset(base, 'A', page);
-      mprotect(base + page, page, PROT_NONE);
-    }
-  }
-  ~PageEdge() {
-    if (base) munmap(base, 2 * page);
-  }
-  // The address `before` bytes ahead of the inaccessible page.
-  char *tail(size_t before) const { return base + page - before; }
-  size_t page;
-  char *base;
-};
 
 // Lowers the process's address-space limit for its lifetime, so that a
 // request for nearly 2 GiB cannot be met whatever the machine has free.
@@ -495,7 +471,7 @@ TEST_F(StringItems, AddUnreadableBuffer) {
 }
 
 TEST_F(StringItems, AddStringRunningIntoAnInaccessiblePage) {
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   VXHBAG bag = newBag();
   int32_t cc = -1, rc = -1;
@@ -1071,7 +1047,7 @@ TEST_F(StringItems, SetCheckOrder) {
 }
 
 TEST_F(StringItems, SetStringRunningIntoAnInaccessiblePage) {
-  PageEdge edge;
+  vxtest::PageEdge edge;
   ASSERT_NE(edge.base, nullptr);
   VXHBAG bag = newBag();
   add(bag, 7, "ABC");

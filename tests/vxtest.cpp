@@ -195,6 +195,21 @@ ProtectedPages::~ProtectedPages() {
   munmap(readOnly, page);
 }
 
+PageEdge::PageEdge() {
+  page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void *mapped =
+      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  base = mapped == MAP_FAILED ? nullptr : static_cast<char *>(mapped);
+  if (base) {
+    std::memset(base, 'A', page);
+    mprotect(base + page, page, PROT_NONE);
+  }
+}
+
+PageEdge::~PageEdge() {
+  if (base) munmap(base, 2 * page);
+}
+
 VXHBAG handleOf(const void *record) {
   return static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(record));
 }

@@ -83,6 +83,18 @@ struct ProtectedPages {
   void *unmapped;  // an address where nothing is mapped
 };
 
+// Two adjacent pages: the first readable and writable, filled with 'A' and
+// holding no null; the second not accessible at all, so that whatever reads
+// past the end of data placed at the end of the first page faults.
+struct PageEdge {
+  PageEdge();
+  ~PageEdge();
+  // The address `before` bytes ahead of the inaccessible page.
+  char *tail(size_t before) const { return base + page - before; }
+  size_t page;
+  char *base;  // null when the pages could not be had
+};
+
 // A handle as the caller holds it, from a record's address.
 VXHBAG handleOf(const void *record);
 

@@ -167,14 +167,6 @@ void writeLeadingParm(const zaiFRAME *frame, zaiBAG *bag, zaiPCFBUFFER *area, in
 
 // ----- Reading ----------------------------------------------------------------------
 
-// How a parameter structure becomes items: its fixed part, the check of its
-// lengths and counts, and the item type its values take.
-struct StructureReader {
-  int32_t function;
-  int32_t fixedLength;
-  int32_t itemType;
-};
-
 bool isMultipleOf4(int32_t length) { return (length & 3) == 0; }
 
 // The parameter identifier must name an item of the structure's type.
@@ -186,9 +178,28 @@ void checkParameter(zaiBAG *bag, int32_t parameter, int32_t itemType, int32_t *p
     zaiCheckSelector(bag, parameter, itemType, pCompCode, pReason);
 }
 
-// The fixed part of a structure that could not be read goes to the trace.
-void traceRefused(const StructureReader &reader, const char *structure, const int32_t *pCompCode) {
-  if (*pCompCode != CC_OK) trcData(ZAI_COMPONENT, reader.function, structure, reader.fixedLength);
+// The steps every structure reader shares: the structure's fields are copied
+// out of the message, its lengths and counts checked (wellFormed), its
+// identifier checked as a selector of the item type its values take, and its
+// values added (addItems).  When any step fails, the first `tracedLength`
+// bytes of the structure go to the trace.
+template <typename Record, typename WellFormed, typename AddItems>
+void readStructure(int32_t function, int32_t tracedLength, int32_t itemType, const char *structure,
+                   zaiBAG *bag, int32_t *pCompCode, int32_t *pReason, WellFormed wellFormed,
+                   AddItems addItems) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, function);
+  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  Record record;
+  memcpy(&record, structure, sizeof record);
+  if (!wellFormed(record))
+    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
+  else
+    checkParameter(bag, record.parameter, itemType, pCompCode, pReason);
+  if (*pCompCode == CC_OK) addItems(record, structure + sizeof record);
+  if (*pCompCode != CC_OK) trcData(ZAI_COMPONENT, function, structure, tracedLength);
+  zaiFramePop(&frame, *pReason);
 }
 
 }  // namespace
@@ -538,90 +549,61 @@ void zaiReadPCFHeader(const char *header, zaiBAG *bag, int32_t *pCompCode, int32
 }
 
 void zaiReadPCFIntParm(const char *structure, zaiBAG *bag, int32_t *pCompCode, int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFIntParm);
-  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
-  *pCompCode = CC_OK;
-  *pReason = RC_NONE;
-  constexpr StructureReader reader = {ZAIFN_zaiReadPCFIntParm, 12, ITEM_TYPE_INTEGER};
-  PCFIntParm parm;
-  memcpy(&parm, structure, sizeof parm);
-  // No surplus: an integer structure is exactly its four words.
-  if (parm.structLength != static_cast<int32_t>(sizeof parm))
-    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
-  else
-    checkParameter(bag, parm.parameter, reader.itemType, pCompCode, pReason);
-  if (*pCompCode == CC_OK) zaiAddInteger(bag, parm.parameter, parm.value, pCompCode, pReason);
-  traceRefused(reader, structure, pCompCode);
-  zaiFramePop(&frame, *pReason);
+  readStructure<PCFIntParm>(
+      ZAIFN_zaiReadPCFIntParm, 12, ITEM_TYPE_INTEGER, structure, bag, pCompCode, pReason,
+      // No surplus: an integer structure is exactly its four words.
+      [](const PCFIntParm &parm) { return parm.structLength == int32_t{sizeof parm}; },
+      [&](const PCFIntParm &parm, const char *) {
+        zaiAddInteger(bag, parm.parameter, parm.value, pCompCode, pReason);
+      });
 }
 
 void zaiReadPCFStringParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                           int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFStringParm);
-  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
-  *pCompCode = CC_OK;
-  *pReason = RC_NONE;
-  constexpr StructureReader reader = {ZAIFN_zaiReadPCFStringParm, 20, ITEM_TYPE_STRING};
-  PCFStringParm parm;
-  memcpy(&parm, structure, sizeof parm);
-  if (!isMultipleOf4(parm.structLength) || parm.stringLength < 0 ||
-      parm.structLength < int64_t{sizeof parm} + parm.stringLength)
-    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
-  else
-    checkParameter(bag, parm.parameter, reader.itemType, pCompCode, pReason);
-  // Exactly the bytes the structure counts: the padding is not part of them.
-  if (*pCompCode == CC_OK)
-    zaiAddString(bag, parm.parameter, parm.stringLength, structure + sizeof parm,
-                 parm.codedCharSetId, pCompCode, pReason);
-  traceRefused(reader, structure, pCompCode);
-  zaiFramePop(&frame, *pReason);
+  readStructure<PCFStringParm>(
+      ZAIFN_zaiReadPCFStringParm, 20, ITEM_TYPE_STRING, structure, bag, pCompCode, pReason,
+      [](const PCFStringParm &parm) {
+        return isMultipleOf4(parm.structLength) && parm.stringLength >= 0 &&
+               parm.structLength >= int64_t{sizeof parm} + parm.stringLength;
+      },
+      // Exactly the bytes the structure counts: the padding is not part of them.
+      [&](const PCFStringParm &parm, const char *bytes) {
+        zaiAddString(bag, parm.parameter, parm.stringLength, bytes, parm.codedCharSetId, pCompCode,
+                     pReason);
+      });
 }
 
 void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                            int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFIntListParm);
-  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
-  *pCompCode = CC_OK;
-  *pReason = RC_NONE;
-  constexpr StructureReader reader = {ZAIFN_zaiReadPCFIntListParm, 16, ITEM_TYPE_INTEGER};
-  PCFIntListParm list;
-  memcpy(&list, structure, sizeof list);
-  if (!isMultipleOf4(list.structLength) || list.count < 0 ||
-      list.structLength < int64_t{sizeof list} + int64_t{4} * list.count)
-    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
-  else
-    checkParameter(bag, list.parameter, reader.itemType, pCompCode, pReason);
-  // Values added before a failure stay in the bag.
-  const char *values = structure + sizeof list;
-  for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
-    zaiAddInteger(bag, list.parameter, zaiGetField(values, 4 * static_cast<size_t>(i)), pCompCode,
-                  pReason);
-  traceRefused(reader, structure, pCompCode);
-  zaiFramePop(&frame, *pReason);
+  readStructure<PCFIntListParm>(
+      ZAIFN_zaiReadPCFIntListParm, 16, ITEM_TYPE_INTEGER, structure, bag, pCompCode, pReason,
+      [](const PCFIntListParm &list) {
+        return isMultipleOf4(list.structLength) && list.count >= 0 &&
+               list.structLength >= int64_t{sizeof list} + int64_t{4} * list.count;
+      },
+      // Values added before a failure stay in the bag.
+      [&](const PCFIntListParm &list, const char *values) {
+        for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
+          zaiAddInteger(bag, list.parameter, zaiGetField(values, 4 * static_cast<size_t>(i)),
+                        pCompCode, pReason);
+      });
 }
 
 void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                               int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiReadPCFStringListParm);
-  zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
-  *pCompCode = CC_OK;
-  *pReason = RC_NONE;
-  constexpr StructureReader reader = {ZAIFN_zaiReadPCFStringListParm, 24, ITEM_TYPE_STRING};
-  PCFStringListParm list;
-  memcpy(&list, structure, sizeof list);
-  if (!isMultipleOf4(list.structLength) || list.count < 0 || list.stringLength < 0 ||
-      list.structLength < int64_t{sizeof list} + int64_t{list.count} * list.stringLength)
-    zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
-  else
-    checkParameter(bag, list.parameter, reader.itemType, pCompCode, pReason);
-  // Each string keeps the list's length, trailing zeros or blanks included.
-  const char *strings = structure + sizeof list;
-  for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
-    zaiAddString(bag, list.parameter, list.stringLength,
-                 strings + static_cast<size_t>(i) * static_cast<size_t>(list.stringLength),
-                 list.codedCharSetId, pCompCode, pReason);
-  traceRefused(reader, structure, pCompCode);
-  zaiFramePop(&frame, *pReason);
+  readStructure<PCFStringListParm>(
+      ZAIFN_zaiReadPCFStringListParm, 24, ITEM_TYPE_STRING, structure, bag, pCompCode, pReason,
+      [](const PCFStringListParm &list) {
+        return isMultipleOf4(list.structLength) && list.count >= 0 && list.stringLength >= 0 &&
+               list.structLength >= int64_t{sizeof list} + int64_t{list.count} * list.stringLength;
+      },
+      // Each string keeps the list's length, trailing zeros or blanks included.
+      [&](const PCFStringListParm &list, const char *strings) {
+        for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
+          zaiAddString(bag, list.parameter, list.stringLength,
+                       strings + static_cast<size_t>(i) * static_cast<size_t>(list.stringLength),
+                       list.codedCharSetId, pCompCode, pReason);
+      });
 }
 
 }  // extern "C"
