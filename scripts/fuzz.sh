@@ -11,20 +11,9 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-sh scripts/setup.sh
-
-# clang and its 32-bit libFuzzer and sanitizer run-times.
-missing=""
-need() { dpkg -s "$1" >/dev/null 2>&1 || missing="$missing $1"; }
-need clang
-need libclang-rt-dev
-if [ -n "$missing" ]; then
-  echo "installing:$missing"
-  SUDO=""
-  [ "$(id -u)" -eq 0 ] || SUDO=sudo
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing
-fi
+# The build's tool chain, and clang with its 32-bit libFuzzer and sanitizer
+# run-times.
+sh scripts/setup.sh clang libclang-rt-dev
 
 build=${1:-build-fuzz}
 seconds=${FUZZ_SECONDS:-60}

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds everything and runs the whole suite twice: plain, and under
-# AddressSanitizer with UndefinedBehaviorSanitizer; then fuzzes the message
-# reader and writer for a minute.  Exits non-zero on the first failure.
+# AddressSanitizer with UndefinedBehaviorSanitizer; between the two it fuzzes
+# the message reader and writer for a minute.  Exits non-zero on the first
+# failure.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -14,11 +15,11 @@ cmake -S . -B build -G Ninja -DVX_SANITIZE=OFF
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== fuzzing the message reader and writer"
+sh scripts/fuzz.sh
+
 echo "== AddressSanitizer and UndefinedBehaviorSanitizer build and tests"
 cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=ON
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
-
-echo "== fuzzing the message reader and writer"
-sh scripts/fuzz.sh
