@@ -21,6 +21,7 @@ constexpr uint32_t kEntryMarker = 0xF0000000u;
 constexpr uint32_t kTraceOff = 0xFFFFFFFFu;
 constexpr uint32_t kApiTraceOption = 0x1;
 constexpr uint32_t kParmTraceOptions = 0xC0000;
+constexpr uint32_t kBagDumpOptions = 0x20 | 0x400 | 0x80000;  // all three together
 constexpr int32_t kParmTraceLevel = 2;
 
 svcTHREADANCHOR *threadAnchor() {
@@ -193,7 +194,16 @@ void zaiTraceParms(const zaiFRAME *frame, const char *format, ...) {
   trcParms(anchor, "%s", line);
 }
 
-bool zaiDetailTraceOn(const zaiFRAME *frame) { return parmTraceOn(frame->anchor); }
+bool zaiBagDumpsOn() {
+  const svcPROCESSANCHOR &process = processAnchor;
+  return process.traceEnabled != 0 &&
+         (process.traceLevel != kTraceOff || process.earlyTrace != 0) &&
+         (process.traceOptions & kBagDumpOptions) == kBagDumpOptions;
+}
+
+zaiFRAME zaiTraceTag(int32_t component, int32_t function) {
+  return {threadAnchor(), static_cast<uint32_t>(component << 10 | function)};
+}
 
 void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length) {
   if (!parmTraceOn(frame->anchor)) return;

@@ -1,7 +1,7 @@
 // Messages in the library's own buffers, the driver that reads a PCF message
 // into a bag, and the dump of a bag's items to the trace.
-#include <pthread.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include "vxai_internal.h"
 
@@ -10,11 +10,6 @@ namespace {
 // A conversion into a buffer of the library's starts with this size and,
 // when the message needs more, tries once more with exactly what it needs.
 constexpr int32_t kFirstBufferSize = 4096;
-
-// Trace-option bits that together ask for bag dumps.
-constexpr uint32_t kBagDumpOptions = 0x20 | 0x400 | 0x80000;
-constexpr uint32_t kTraceOff = 0xFFFFFFFFu;
-constexpr int32_t kDumpLevel = 2;
 
 // How a parameter structure of each type is handed on: the reader and the
 // part of the structure that must lie inside the message before any of its
@@ -35,13 +30,6 @@ const StructureKind *kindOf(int32_t type) {
   for (const StructureKind &kind : kStructureKinds)
     if (kind.type == type) return &kind;
   return nullptr;
-}
-
-bool bagDumpsOn() {
-  const svcPROCESSANCHOR &process = processAnchor;
-  return process.traceEnabled != 0 &&
-         (process.traceLevel != kTraceOff || process.earlyTrace != 0) &&
-         (process.traceOptions & kBagDumpOptions) == kBagDumpOptions;
 }
 
 void *addressOfHandle(VXHBAG handle) {
@@ -114,8 +102,8 @@ void zaiPCFMsgToBag(int32_t messageLength, const char *message, zaiBAG *bag, int
   if (*pCompCode == CC_OK) zaiReadPCFHeader(message, bag, pCompCode, pReason);
 
   if (*pCompCode == CC_OK) {
-    const int32_t parameters = zaiGetField(message, ZAI_FIELD(PCFHeader, parameterCount));
-    int64_t offset = zaiGetField(message, ZAI_FIELD(PCFHeader, structLength));
+    const int32_t parameters = zaiGetField(message, offsetof(PCFHeader, parameterCount));
+    int64_t offset = zaiGetField(message, offsetof(PCFHeader, structLength));
     for (int32_t i = 0; i < parameters && *pCompCode == CC_OK; ++i) {
       // No field is read beyond the message: a structure whose type, length
       // or fixed part would lie past its end is refused like one whose
@@ -144,33 +132,30 @@ void zaiPCFMsgToBag(int32_t messageLength, const char *message, zaiBAG *bag, int
 }
 
 void zaiTraceBagContents(int32_t component, int32_t function, const zaiBAG *bag) {
-  if (!bagDumpsOn()) return;
-  auto *anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
-  if (!anchor || !anchor->traceActive) return;
-  anchor->tagComponent = static_cast<uint16_t>(component);
-  anchor->tagFunction = static_cast<uint16_t>(function);
-  anchor->tagLevel = kDumpLevel;
-
+  // Every line goes out under the caller's tag, as a parameter line would.
+  if (!zaiBagDumpsOn()) return;
+  const zaiFRAME tag = zaiTraceTag(component, function);
   const zaiVECTOR *items = bag->items;
-  trcParms(anchor, "Bag Details %p", static_cast<const void *>(bag));
-  trcParms(anchor, "Size:%d", items->count);
-  trcParms(anchor, "Index: Selector: Value:");
+  zaiTraceParms(&tag, "Bag Details %p", static_cast<const void *>(bag));
+  zaiTraceParms(&tag, "Size:%d", items->count);
+  zaiTraceParms(&tag, "Index: Selector: Value:");
   for (int32_t index = 0; index < items->count; ++index) {
     const zaiPROPERTY *item = zaiItemAt(bag, index);
     if (!item) continue;
     switch (item->type) {
       case ITEM_TYPE_INTEGER:
-        trcParms(anchor, "  %-2d     %-4d     (%d)", index, item->selector, item->value.integer);
+        zaiTraceParms(&tag, "  %-2d     %-4d     (%d)", index, item->selector, item->value.integer);
         break;
-      case ITEM_TYPE_STRING:
-        trcParms(anchor, "  %-2d     %-4d      ccsid: %d   String->", index, item->selector,
-                 item->codedCharSetId);
-        trcDataDetail(component, function, kDumpLevel, item->value.string,
-                      item->stringLength % 65536);
+      case ITEM_TYPE_STRING: {
+        char line[80];
+        snprintf(line, sizeof line, "  %-2d     %-4d      ccsid: %d   String->", index,
+                 item->selector, item->codedCharSetId);
+        zaiTraceRecord(&tag, line, item->value.string, item->stringLength % 65536);
         break;
+      }
       default:
-        trcParms(anchor, "  %-2d     %-4d     (%p)", index, item->selector,
-                 addressOfHandle(item->value.bag));
+        zaiTraceParms(&tag, "  %-2d     %-4d     (%p)", index, item->selector,
+                      addressOfHandle(item->value.bag));
         break;
     }
   }

@@ -32,7 +32,7 @@ void grow(zaiPCFBUFFER *area, int32_t size) {
 char *nextStructure(const zaiPCFBUFFER *area) { return area->buffer + area->usedLength; }
 
 void countParameter(zaiPCFBUFFER *area) {
-  if (area->header) zaiRaiseField(area->header, ZAI_FIELD(PCFHeader, parameterCount), 1);
+  if (area->header) zaiRaiseField(area->header, offsetof(PCFHeader, parameterCount), 1);
 }
 
 void traceArea(const zaiFRAME *frame, const zaiPCFBUFFER *area) {
@@ -360,7 +360,7 @@ void zaiWriteSingleOrListPCFParm(const zaiPROPERTY *item, zaiPCFBUFFER *area, za
       const int32_t padding = zaiRoundUp4(area->currentListLength) - area->currentListLength;
       grow(area, padding);
       if (area->stringList)
-        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, structLength), padding);
+        zaiRaiseField(area->stringList, offsetof(PCFStringListParm, structLength), padding);
     }
   }
   zaiFramePop(&frame, *pReason);
@@ -413,8 +413,8 @@ void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t *
     constexpr int32_t size = sizeof item->value.integer;
     if (area->integerList && fits(area, size)) {
       memcpy(nextStructure(area), &item->value.integer, size);
-      zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, structLength), size);
-      zaiRaiseField(area->integerList, ZAI_FIELD(PCFIntListParm, count), 1);
+      zaiRaiseField(area->integerList, offsetof(PCFIntListParm, structLength), size);
+      zaiRaiseField(area->integerList, offsetof(PCFIntListParm, count), 1);
     }
     grow(area, size);
   } else if (item->type == ITEM_TYPE_STRING) {
@@ -428,8 +428,8 @@ void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t *
         const int32_t copied = item->stringLength < size ? item->stringLength : size;
         if (copied > 0) memcpy(slot, item->value.string, static_cast<size_t>(copied));
         memset(slot + copied, 0, static_cast<size_t>(size - copied));
-        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, structLength), size);
-        zaiRaiseField(area->stringList, ZAI_FIELD(PCFStringListParm, count), 1);
+        zaiRaiseField(area->stringList, offsetof(PCFStringListParm, structLength), size);
+        zaiRaiseField(area->stringList, offsetof(PCFStringListParm, count), 1);
       }
       grow(area, size);
       area->currentListLength += size;

@@ -177,10 +177,12 @@ uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason);
 // Writes an internal function's parameter line when parameter trace is on.
 void zaiTraceParms(const zaiFRAME *frame, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
-// Detailed trace: the parameter lines and the records the conversions dump.
-bool zaiDetailTraceOn(const zaiFRAME *frame);
-// A labelled record at detail level, when detailed trace is on.
+// A labelled record at detail level, when parameter trace is on.
 void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length);
+// Bag dumps: whether the process asks for them, and the tag their lines are
+// written under (a frame that was not pushed).
+bool zaiBagDumpsOn();
+zaiFRAME zaiTraceTag(int32_t component, int32_t function);
 
 // How a parameter of an exported call appears in the API trace.
 enum zaiPARMKIND {
@@ -483,7 +485,6 @@ inline void zaiPutField(void *record, size_t offset, int32_t value) {
 inline void zaiRaiseField(void *record, size_t offset, int32_t by) {
   zaiPutField(record, offset, zaiGetField(record, offset) + by);
 }
-#define ZAI_FIELD(Record, field) offsetof(Record, field)
 
 // Rounds a structure length up to the next multiple of 4.
 constexpr int32_t zaiRoundUp4(int32_t length) { return (length + 3) & ~3; }
