@@ -22,7 +22,7 @@ build=$(cd "$build" && pwd)
 
 common="-m32 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
-  -Ilib/vxai -Iplatform/svc"
+  -Ilib/vxai -Ilib/vxi -Iplatform/svc"
 
 echo "== building fuzz_pcf in $build"
 objects=""

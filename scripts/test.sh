@@ -1,8 +1,9 @@
 #!/bin/sh
-# Builds everything and runs the whole suite twice: plain, and under
-# AddressSanitizer with UndefinedBehaviorSanitizer; between the two it fuzzes
-# the message reader and writer for a minute.  Exits non-zero on the first
-# failure.
+# Builds everything and runs the whole suite: plain, then the threaded tests
+# under valgrind's helgrind (a data race or a lock-order problem fails them),
+# then a minute of fuzzing of the message reader and writer, then the whole
+# suite again under AddressSanitizer with UndefinedBehaviorSanitizer.  Exits
+# non-zero on the first failure.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -13,7 +14,10 @@ jobs=$(nproc)
 echo "== plain build and tests"
 cmake -S . -B build -G Ninja -DVX_SANITIZE=OFF
 cmake --build build -j "$jobs"
-ctest --test-dir build --output-on-failure -j "$jobs"
+ctest --test-dir build --output-on-failure -j "$jobs" -LE helgrind
+
+echo "== threaded tests under helgrind"
+ctest --test-dir build --output-on-failure -j "$jobs" -L helgrind
 
 echo "== fuzzing the message reader and writer"
 sh scripts/fuzz.sh

@@ -1,7 +1,14 @@
-/* The public header compiles as C99, and a C program can use the library. */
+/* The public headers compile as C99, and a C program can use the library. */
 #include <stdio.h>
 
 #include "vxai.h"
+#include "vxqi.h"
+
+/* The queue-interface records have the same layout in C. */
+typedef char md_is_364_bytes[sizeof(vxMSGDESC) == MD_LENGTH_2 ? 1 : -1];
+typedef char od_is_336_bytes[sizeof(vxOBJDESC) == OD_LENGTH ? 1 : -1];
+typedef char pmo_is_152_bytes[sizeof(vxPUTOPTS) == PMO_LENGTH ? 1 : -1];
+typedef char gmo_is_100_bytes[sizeof(vxGETOPTS) == GMO_LENGTH ? 1 : -1];
 
 int main(void) {
   VXHBAG bag = BAG_NONE;
