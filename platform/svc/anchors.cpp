@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "svc.h"
@@ -58,7 +60,13 @@ void loadCommonServices() {
 // been constructed (initialisation within one source file is in order).
 const bool gLoaded = (loadCommonServices(), true);
 
+// The connection-state control block.  It is made under the mutex and
+// published through the flag, so a reader that finds the flag set sees a
+// whole block without taking the lock (the fork check of a connect reads it
+// so).
 svcCONTROLBLOCK gControlBlock;  // valid while its eye-catcher is "XIH "
+std::mutex gControlBlockMutex;
+std::atomic<bool> gControlBlockSet{false};
 
 }  // namespace
 
@@ -109,18 +117,30 @@ const char *svcTraceDirectory(void) { return gTraceDirectory.c_str(); }
 const char *svcReportDirectory(void) { return gReportDirectory.c_str(); }
 
 svcCONTROLBLOCK *svcControlBlock(void) {
-  return std::memcmp(gControlBlock.eyeCatcher, "XIH ", 4) == 0 ? &gControlBlock : nullptr;
+  return gControlBlockSet.load(std::memory_order_acquire) ? &gControlBlock : nullptr;
 }
 
 svcCONTROLBLOCK *svcEstablishControlBlock(void) {
-  if (!svcControlBlock()) {
+  std::lock_guard<std::mutex> lock(gControlBlockMutex);
+  if (!gControlBlockSet.load(std::memory_order_relaxed)) {
     std::memcpy(gControlBlock.eyeCatcher, "XIH ", 4);
     gControlBlock.ownerPid = svcGetPid();
     gControlBlock.connections = 0;
+    gControlBlockSet.store(true, std::memory_order_release);
   }
   return &gControlBlock;
 }
 
-void svcResetControlBlock(void) { std::memset(&gControlBlock, 0, sizeof gControlBlock); }
+void svcNoteConnection(void) {
+  svcCONTROLBLOCK *block = svcEstablishControlBlock();
+  std::lock_guard<std::mutex> lock(gControlBlockMutex);
+  ++block->connections;
+}
+
+void svcResetControlBlock(void) {
+  std::lock_guard<std::mutex> lock(gControlBlockMutex);
+  gControlBlockSet.store(false, std::memory_order_release);
+  std::memset(&gControlBlock, 0, sizeof gControlBlock);
+}
 
 }  // extern "C"

@@ -1,0 +1,55 @@
+// Test hooks of the queue manager: a test scripts the queue manager that the
+// code under test talks to.  It can make the next calls of an entry fail,
+// hold or delay the messages put to a queue, reset a queue manager between
+// tests, and count what the queue manager holds.  Exported from libvxqm.so;
+// programs other than tests never call them.
+//
+// Every hook may be called from any thread and never throws.  qmName names a
+// queue manager as a connect does ("" or blanks: the default, "QM1").
+#ifndef VX_QM_TEST_H
+#define VX_QM_TEST_H
+
+#include <cstdint>
+#include <string>
+
+#define QM_TEST_EXPORT __attribute__((visibility("default")))
+
+namespace vxqm::test {
+
+// The next `calls` calls of the entry named `entry` ("qmCONN" ... "qmBEGIN")
+// do nothing but return compCode and reason; calls 0 cancels.  Returns false
+// for a name that is not an entry.
+QM_TEST_EXPORT bool failNext(const std::string &entry, int32_t calls, int32_t compCode,
+                             int32_t reason);
+
+// The next call of the entry throws inside the queue manager, as a failure
+// of memory (kOutOfMemory) or an unforeseen one (kUnexpected) would; the entry
+// reports it as RC_STORAGE_NOT_AVAILABLE or RC_UNEXPECTED_ERROR.
+enum class Fault { kOutOfMemory, kUnexpected };
+QM_TEST_EXPORT bool throwNext(const std::string &entry, Fault fault);
+
+// While held, messages put to the queue are kept invisible (they count in its
+// depth); releasing (hold false) makes them available and wakes waiting gets.
+// Returns 0 or the reason (RC_UNKNOWN_OBJECT_NAME, RC_Q_MGR_NAME_ERROR).
+QM_TEST_EXPORT int32_t holdMessages(const std::string &qmName, const std::string &queue, bool hold);
+// Messages put to the queue from now on become visible `milliseconds` after
+// their put (0: at once).
+QM_TEST_EXPORT int32_t delayMessages(const std::string &qmName, const std::string &queue,
+                                     int32_t milliseconds);
+
+// Puts the queue manager back to its initial objects, with no messages: its
+// connections end (their handles then get RC_HCONN_ERROR, and waiting gets
+// return it) and the hooks of its queues are lifted.  The failNext and
+// throwNext scripts are cancelled as well.
+QM_TEST_EXPORT void reset(const std::string &qmName);
+
+// Counts, or -1 for a queue manager that does not exist (messageCount: or a
+// queue that does not exist).
+QM_TEST_EXPORT int32_t queueCount(const std::string &qmName);
+QM_TEST_EXPORT int32_t temporaryQueueCount(const std::string &qmName);
+QM_TEST_EXPORT int32_t connectionCount(const std::string &qmName);
+QM_TEST_EXPORT int32_t messageCount(const std::string &qmName, const std::string &queue);
+
+}  // namespace vxqm::test
+
+#endif  // VX_QM_TEST_H

@@ -1,0 +1,920 @@
+// The queue manager's core: see queue_manager.h.
+#include "queue_manager.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "convert.h"
+#include "svc.h"
+
+namespace vxqm {
+namespace {
+
+constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
+constexpr size_t kSuffixLength = 16;  // hexadecimal digits that replace a dynamic name's '*'
+constexpr int32_t kLongestDescription = Q_DESC_LENGTH;
+
+[[noreturn]] void fail(int32_t reason) { throw Failure{reason}; }
+
+bool allZero(const char *bytes, size_t length) {
+  return std::all_of(bytes, bytes + length, [](char c) { return c == 0; });
+}
+
+// A message id unique in the process and, through the process id and the time
+// the process first made one, across processes.
+void newMessageId(char *id) {
+  static const int64_t start = std::chrono::system_clock::now().time_since_epoch().count();
+  static std::atomic<uint64_t> counter{0};
+  const int32_t pid = static_cast<int32_t>(getpid());
+  const uint64_t number = ++counter;
+  std::memcpy(id, "VXQM", 4);
+  std::memcpy(id + 4, &pid, 4);
+  std::memcpy(id + 8, &start, 8);
+  std::memcpy(id + 16, &number, 8);
+}
+
+// The unique suffix of a dynamic queue name.
+std::string newSuffix() {
+  static std::atomic<uint64_t> counter{
+      static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count())};
+  char text[kSuffixLength + 1];
+  std::snprintf(text, sizeof text, "%016" PRIX64, ++counter);
+  return text;
+}
+
+bool isPcfFormat(const char *format) {
+  static const char *const kFormats[] = {"VXADMIN ", "VXEVENT ", "VXPCF   "};
+  return std::any_of(std::begin(kFormats), std::end(kFormats),
+                     [&](const char *f) { return std::memcmp(format, f, FORMAT_LENGTH) == 0; });
+}
+
+// ---------------------------------------------------------------------------
+// Attributes of inquire and set: one table.
+
+struct AttributeView {
+  const std::string &queueManager;
+  const QueueDefinition *definition;  // null for the queue manager object
+  const QueueState *state;
+  int32_t depth;
+};
+
+struct Attribute {
+  int32_t selector;
+  int32_t objectType;
+  int32_t length;  // characters of a character attribute; 0 for an integer
+  int32_t (*integer)(const AttributeView &);
+  std::string (*characters)(const AttributeView &);
+  int32_t QueueDefinition::*settable;  // the field that set changes, or null
+};
+
+const Attribute kAttributes[] = {
+    {ATTR_CURRENT_DEPTH, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.depth; }, nullptr,
+     nullptr},
+    {ATTR_DEF_PERSISTENCE, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->defaultPersistence; }, nullptr, nullptr},
+    {ATTR_DEF_PRIORITY, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->defaultPriority; }, nullptr, nullptr},
+    {ATTR_DEFINITION_TYPE, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->definitionType; }, nullptr, nullptr},
+    {ATTR_INHIBIT_GET, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->inhibitGet; }, nullptr,
+     &QueueDefinition::inhibitGet},
+    {ATTR_INHIBIT_PUT, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->inhibitPut; }, nullptr,
+     &QueueDefinition::inhibitPut},
+    {ATTR_MAX_MSG_LENGTH, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.definition->maxMsgLength; }, nullptr, nullptr},
+    {ATTR_MAX_Q_DEPTH, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.definition->maxDepth; },
+     nullptr, nullptr},
+    {ATTR_OPEN_INPUT_COUNT, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.state->openInputCount; }, nullptr, nullptr},
+    {ATTR_OPEN_OUTPUT_COUNT, OBJTYPE_Q, 0,
+     [](const AttributeView &v) { return v.state->openOutputCount; }, nullptr, nullptr},
+    {ATTR_Q_TYPE, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.definition->queueType; },
+     nullptr, nullptr},
+    {ATTR_Q_NAME, OBJTYPE_Q, Q_NAME_LENGTH, nullptr,
+     [](const AttributeView &v) { return v.definition->name; }, nullptr},
+    {ATTR_Q_DESC, OBJTYPE_Q, Q_DESC_LENGTH, nullptr,
+     [](const AttributeView &v) { return v.definition->description; }, nullptr},
+    {ATTR_CODED_CHAR_SET_ID, OBJTYPE_Q_MGR, 0,
+     [](const AttributeView &) { return kQueueManagerCcsid; }, nullptr, nullptr},
+    {ATTR_Q_MGR_NAME, OBJTYPE_Q_MGR, QM_NAME_LENGTH, nullptr,
+     [](const AttributeView &v) { return v.queueManager; }, nullptr},
+};
+
+const Attribute &attribute(int32_t selector, int32_t objectType) {
+  for (const Attribute &a : kAttributes) {
+    if (a.selector == selector && a.objectType == objectType) return a;
+  }
+  fail(RC_SELECTOR_ERROR);
+}
+
+// ---------------------------------------------------------------------------
+// Attribute values of the administration interface.
+
+bool inRange(int32_t value, int32_t low, int32_t high) { return value >= low && value <= high; }
+
+void applyChanges(QueueDefinition &definition, const QueueChanges &changes, bool creating) {
+  if (changes.queueType) {
+    if (!creating && *changes.queueType != definition.queueType) fail(RC_OBJECT_TYPE_ERROR);
+    if (*changes.queueType != QTYPE_LOCAL && *changes.queueType != QTYPE_MODEL) {
+      fail(RC_SELECTOR_ERROR);
+    }
+    definition.queueType = *changes.queueType;
+  }
+  if (creating && definition.queueType == QTYPE_MODEL) {
+    definition.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
+  }
+  if (changes.definitionType) {
+    const bool valid =
+        definition.queueType == QTYPE_MODEL
+            ? inRange(*changes.definitionType, DEFTYPE_PERMANENT_DYNAMIC, DEFTYPE_TEMPORARY_DYNAMIC)
+            : *changes.definitionType == definition.definitionType;
+    if (!valid) fail(RC_SELECTOR_ERROR);
+    definition.definitionType = *changes.definitionType;
+  }
+  if (changes.description) {
+    std::string description = *changes.description;
+    description.erase(description.find_last_not_of(' ') + 1);
+    if (description.size() > kLongestDescription) fail(RC_SELECTOR_ERROR);
+    definition.description = description;
+  }
+  const std::pair<const std::optional<int32_t> &, int32_t QueueDefinition::*> integers[] = {
+      {changes.defaultPersistence, &QueueDefinition::defaultPersistence},
+      {changes.defaultPriority, &QueueDefinition::defaultPriority},
+      {changes.inhibitGet, &QueueDefinition::inhibitGet},
+      {changes.inhibitPut, &QueueDefinition::inhibitPut},
+      {changes.maxMsgLength, &QueueDefinition::maxMsgLength},
+      {changes.maxDepth, &QueueDefinition::maxDepth}};
+  const std::pair<int32_t, int32_t> limits[] = {{0, PERSISTENCE_PERSISTENT}, {0, kLargestPriority},
+                                                {0, INHIBIT_INHIBITED},      {0, INHIBIT_INHIBITED},
+                                                {0, kLargestMaxMsgLength},   {0, kLargestMaxDepth}};
+  for (size_t i = 0; i < std::size(integers); ++i) {
+    if (!integers[i].first) continue;
+    if (!inRange(*integers[i].first, limits[i].first, limits[i].second)) fail(RC_SELECTOR_ERROR);
+    definition.*integers[i].second = *integers[i].first;
+  }
+}
+
+bool matchesPattern(const std::string &name, const std::string &pattern) {
+  if (!pattern.empty() && pattern.back() == '*') {
+    return name.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
+  }
+  return name == pattern;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Names
+
+std::string readName(const char *field, size_t length) {
+  size_t end = 0;
+  while (end < length && field[end] != 0) ++end;
+  while (end > 0 && field[end - 1] == ' ') --end;
+  return std::string(field, end);
+}
+
+void writeName(char *field, size_t length, const std::string &name) {
+  const size_t n = std::min(length, name.size());
+  std::memcpy(field, name.data(), n);
+  std::memset(field + n, ' ', length - n);
+}
+
+bool isValidName(const std::string &name) {
+  if (name.empty() || name.size() > Q_NAME_LENGTH) return false;
+  return std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '_' || c == '/' || c == '%';
+  });
+}
+
+std::string queueManagerName(const std::string &name) {
+  const std::string trimmed = readName(name.c_str(), name.size());
+  if (trimmed.empty()) return kDefaultQueueManager;
+  if (!isValidName(trimmed)) fail(RC_Q_MGR_NAME_ERROR);
+  return trimmed;
+}
+
+int32_t newHandle() {
+  static std::atomic<uint32_t> last{0};
+  for (;;) {
+    const int32_t handle = static_cast<int32_t>(++last & 0x7FFFFFFF);
+    if (handle != 0) return handle;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Queue manager: set-up, connections, handles
+
+QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeMemoryStore()) {
+  defineInitialObjects();
+}
+
+QueueManager::~QueueManager() {
+  // The last owner may be another thread than the last caller: taking the
+  // mutex orders the destruction after every call that used the members, for
+  // tools (helgrind) that do not follow the shared owners' count.
+  std::lock_guard<std::mutex> lock(mutex_);
+}
+
+void QueueManager::defineInitialObjects() {
+  QueueDefinition local;
+  local.name = kAdminCommandQueue;
+  store_->saveQueue(local);
+  local.name = kDefaultLocalQueue;
+  store_->saveQueue(local);
+  QueueDefinition model;
+  model.name = kDefaultModelQueue;
+  model.queueType = QTYPE_MODEL;
+  model.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
+  store_->saveQueue(model);
+  for (const std::string &name : store_->queueNames()) {
+    auto queueState = std::make_shared<QueueState>();
+    queueState->definitionType = definition(name).definitionType;
+    queues_.emplace(name, std::move(queueState));
+  }
+}
+
+void QueueManager::addConnection(int32_t hconn) {
+  Lock lock(mutex_);
+  connections_.emplace(hconn, Connection{});
+}
+
+Connection &QueueManager::connection(int32_t hconn) {
+  auto it = connections_.find(hconn);
+  if (it == connections_.end()) fail(RC_HCONN_ERROR);
+  return it->second;
+}
+
+ObjectHandle &QueueManager::handle(Connection &connection, int32_t hobj) {
+  auto it = connection.handles.find(hobj);
+  if (it == connection.handles.end()) fail(RC_HOBJ_ERROR);
+  return it->second;
+}
+
+void QueueManager::checkHandles(int32_t hconn, std::optional<int32_t> hobj) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  if (hobj) handle(c, *hobj);
+}
+
+QueueDefinition QueueManager::definition(const std::string &queue) const {
+  QueueDefinition definition;
+  if (!store_->findQueue(queue, &definition)) fail(RC_UNKNOWN_OBJECT_NAME);
+  return definition;
+}
+
+QueueState &QueueManager::state(const std::string &queue) {
+  auto it = queues_.find(queue);
+  if (it == queues_.end()) fail(RC_UNKNOWN_OBJECT_NAME);
+  return *it->second;
+}
+
+void QueueManager::disconnect(int32_t hconn) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  if (c.unit != 0) endUnit(c, false);
+  while (!c.handles.empty()) closeObject(hconn, c, c.handles.begin()->first, CLOSE_NONE);
+  connections_.erase(hconn);
+}
+
+void QueueManager::shutdown() {
+  Lock lock(mutex_);
+  connections_.clear();
+  for (auto &[name, queue] : queues_) {
+    queue->deleted = true;
+    queue->changed.notify_all();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Open and close
+
+int32_t QueueManager::open(int32_t hconn, vxOBJDESC &od, int32_t options) {
+  Lock lock(mutex_);
+  return openHandle(hconn, connection(hconn), od, options);
+}
+
+int32_t QueueManager::openHandle(int32_t hconn, Connection &c, vxOBJDESC &od, int32_t options) {
+  const int32_t hobj = newHandle();
+  auto slot = c.handles.try_emplace(hobj).first;  // may throw before anything changed
+  try {
+    slot->second = openObject(hconn, od, options);
+  } catch (...) {
+    c.handles.erase(slot);
+    throw;
+  }
+  return hobj;
+}
+
+ObjectHandle QueueManager::openObject(int32_t hconn, vxOBJDESC &od, int32_t options) {
+  ObjectHandle opened;
+  opened.objectType = od.objectType;
+  opened.options = options;
+  if (od.objectType == OBJTYPE_Q_MGR) {
+    const std::string name = readName(od.objectName, Q_NAME_LENGTH);
+    if (!name.empty() && name != name_) fail(RC_UNKNOWN_OBJECT_NAME);
+    if (options != OPEN_INQUIRE) fail(RC_OPTIONS_ERROR);
+    return opened;
+  }
+  if (od.objectType != OBJTYPE_Q) fail(RC_OBJECT_TYPE_ERROR);
+  std::string name = readName(od.objectName, Q_NAME_LENGTH);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  const std::string qmName = readName(od.objectQMgrName, QM_NAME_LENGTH);
+  if (!qmName.empty() && qmName != name_) fail(RC_UNKNOWN_OBJECT_Q_MGR);
+  QueueDefinition queue = definition(name);
+  if (queue.queueType == QTYPE_MODEL) {
+    name = createDynamicQueue(queue, readName(od.dynamicQName, Q_NAME_LENGTH), hconn);
+    writeName(od.objectName, Q_NAME_LENGTH, name);
+  }
+  // Nothing below allocates, so a dynamic queue made above is never left
+  // without the handle that opens it (a new queue has no conflicting open).
+  std::shared_ptr<QueueState> queueState = queues_.at(name);
+  if ((options & kInputOptions) != 0) {
+    const bool exclusive = (options & OPEN_INPUT_EXCLUSIVE) != 0;
+    if (queueState->exclusiveInput || (exclusive && queueState->openInputCount > 0)) {
+      fail(RC_OBJECT_IN_USE);
+    }
+    queueState->exclusiveInput = exclusive;
+    ++queueState->openInputCount;
+  }
+  if ((options & OPEN_OUTPUT) != 0) ++queueState->openOutputCount;
+  ++queueState->openHandles;
+  opened.queueName = std::move(name);
+  opened.queue = std::move(queueState);
+  return opened;
+}
+
+std::string QueueManager::createDynamicQueue(const QueueDefinition &model,
+                                             const std::string &dynamicName, int32_t creator) {
+  std::string name = dynamicName;
+  const bool generated = !name.empty() && name.back() == '*';
+  if (generated) {
+    name.pop_back();
+    if (name.size() > Q_NAME_LENGTH - kSuffixLength) fail(RC_OBJECT_NAME_ERROR);
+    const std::string prefix = name;
+    do {
+      name = prefix + newSuffix();
+    } while (store_->findQueue(name, nullptr));
+  }
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  if (store_->findQueue(name, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
+  QueueDefinition created = model;
+  created.name = name;
+  created.queueType = QTYPE_LOCAL;
+  auto queueState = std::make_shared<QueueState>();
+  if (model.definitionType == DEFTYPE_TEMPORARY_DYNAMIC) queueState->creator = creator;
+  addQueue(created, std::move(queueState));
+  return name;
+}
+
+void QueueManager::addQueue(const QueueDefinition &definition,
+                            std::shared_ptr<QueueState> queueState) {
+  queueState->definitionType = definition.definitionType;
+  auto slot = queues_.emplace(definition.name, std::move(queueState)).first;
+  try {
+    store_->saveQueue(definition);
+  } catch (...) {
+    queues_.erase(slot);
+    throw;
+  }
+}
+
+void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
+  Lock lock(mutex_);
+  closeObject(hconn, connection(hconn), hobj, options);
+}
+
+void QueueManager::closeObject(int32_t hconn, Connection &c, int32_t hobj, int32_t options) {
+  // Allocates nothing: a disconnect and a put1 close whatever memory is left.
+  ObjectHandle &h = handle(c, hobj);
+  bool deleteQueue = false;
+  if (h.queue && !h.queue->deleted) {
+    QueueState &queue = *h.queue;
+    const bool temporaryOfCreator =
+        queue.definitionType == DEFTYPE_TEMPORARY_DYNAMIC && queue.creator == hconn;
+    if (options != CLOSE_NONE && queue.definitionType == DEFTYPE_PREDEFINED) {
+      fail(RC_OPTIONS_ERROR);
+    }
+    if (options == CLOSE_DELETE && !temporaryOfCreator && store_->depth(h.queueName) > 0) {
+      fail(RC_Q_NOT_EMPTY);
+    }
+    deleteQueue = temporaryOfCreator || options != CLOSE_NONE;
+    if ((h.options & kInputOptions) != 0) {
+      --queue.openInputCount;
+      if ((h.options & OPEN_INPUT_EXCLUSIVE) != 0) queue.exclusiveInput = false;
+    }
+    if ((h.options & OPEN_OUTPUT) != 0) --queue.openOutputCount;
+    --queue.openHandles;
+    // A get waiting on this handle wakes and finds it gone.
+    queue.changed.notify_all();
+  }
+  const std::string name = std::move(h.queueName);
+  c.handles.erase(hobj);
+  if (deleteQueue) deleteQueueObject(name);
+}
+
+void QueueManager::deleteQueueObject(const std::string &name) {
+  auto it = queues_.find(name);
+  store_->deleteQueue(name);
+  if (it == queues_.end()) return;
+  it->second->deleted = true;
+  it->second->changed.notify_all();
+  queues_.erase(it);
+}
+
+// ---------------------------------------------------------------------------
+// Put
+
+void QueueManager::put(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxPUTOPTS &pmo, const char *data,
+                       int32_t length) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  putMessage(c, handle(c, hobj), md, pmo, data, length);
+}
+
+void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &pmo,
+                        const char *data, int32_t length) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  // Only a queue takes messages; a dynamic queue made from a model only to be
+  // put to once would be lost at once.
+  if (od.objectType != OBJTYPE_Q) fail(RC_OBJECT_TYPE_ERROR);
+  const std::string name = readName(od.objectName, Q_NAME_LENGTH);
+  QueueDefinition queue;
+  if (isValidName(name) && store_->findQueue(name, &queue) && queue.queueType == QTYPE_MODEL) {
+    fail(RC_OBJECT_TYPE_ERROR);
+  }
+  const int32_t hobj = openHandle(hconn, c, od, OPEN_OUTPUT);
+  try {
+    putMessage(c, c.handles.at(hobj), md, pmo, data, length);
+  } catch (...) {
+    closeObject(hconn, c, hobj, CLOSE_NONE);
+    throw;
+  }
+  closeObject(hconn, c, hobj, CLOSE_NONE);
+}
+
+void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &md, vxPUTOPTS &pmo,
+                              const char *data, int32_t length) {
+  if ((h.options & OPEN_OUTPUT) == 0) fail(RC_NOT_OPEN_FOR_OUTPUT);
+  if (h.queue->deleted) fail(RC_Q_DELETED);
+  if (md.priority != PRIORITY_AS_Q_DEF && !inRange(md.priority, 0, kLargestPriority)) {
+    fail(RC_PRIORITY_ERROR);
+  }
+  if (!inRange(md.persistence, PERSISTENCE_NOT_PERSISTENT, PERSISTENCE_AS_Q_DEF)) {
+    fail(RC_PERSISTENCE_ERROR);
+  }
+  if (md.expiry != EXPIRY_UNLIMITED && md.expiry <= 0) fail(RC_EXPIRY_ERROR);
+  const QueueDefinition queue = definition(h.queueName);
+  if (queue.inhibitPut == INHIBIT_INHIBITED) fail(RC_PUT_INHIBITED);
+  if (length > queue.maxMsgLength) fail(RC_MSG_TOO_BIG_FOR_Q);
+  const Clock::time_point now = Clock::now();
+  store_->discardExpired(h.queueName, now);
+  if (store_->depth(h.queueName) >= queue.maxDepth) fail(RC_Q_FULL);
+
+  Message message;
+  message.data.assign(data, data + length);
+  message.descriptor = md;
+  std::memcpy(message.descriptor.structId, MD_STRUC_ID, 4);
+  message.descriptor.version = MD_VERSION_2;
+  message.descriptor.backoutCount = 0;
+  if (md.priority == PRIORITY_AS_Q_DEF) message.descriptor.priority = queue.defaultPriority;
+  if (md.persistence == PERSISTENCE_AS_Q_DEF) {
+    message.descriptor.persistence = queue.defaultPersistence;
+  }
+  if (md.codedCharSetId == 0) message.descriptor.codedCharSetId = kQueueManagerCcsid;
+  if (allZero(md.msgId, MSG_ID_LENGTH)) newMessageId(message.descriptor.msgId);
+  if (md.expiry != EXPIRY_UNLIMITED) {
+    message.expiresAt = now + std::chrono::milliseconds(int64_t{md.expiry} * 100);
+  }
+  if (h.queue->delayMilliseconds > 0) {
+    message.visibleFrom = now + std::chrono::milliseconds(h.queue->delayMilliseconds);
+  }
+  MessageState messageState = MessageState::kAvailable;
+  uint64_t unit = 0;
+  if ((pmo.options & PUT_SYNCPOINT) != 0) {
+    if (c.unit == 0) c.unit = ++lastUnit_;
+    unit = c.unit;
+    messageState = MessageState::kPutInUnit;
+  } else if (h.queue->hold) {
+    messageState = MessageState::kHeld;
+  }
+  std::memcpy(md.msgId, message.descriptor.msgId, MSG_ID_LENGTH);
+  store_->addMessage(h.queueName, std::move(message), messageState, unit);
+
+  writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
+  writeName(pmo.resolvedQMgrName, QM_NAME_LENGTH, name_);
+  pmo.knownDestCount = 1;
+  if (messageState == MessageState::kAvailable) h.queue->changed.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// Get
+
+GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPTS &gmo,
+                            char *buffer, int32_t bufferLength) {
+  Lock lock(mutex_);
+  const int32_t options = gmo.options;
+  const bool browse = (options & (GET_BROWSE_FIRST | GET_BROWSE_NEXT)) != 0;
+  std::shared_ptr<QueueState> queue;
+  {
+    const ObjectHandle &h = handle(connection(hconn), hobj);
+    if (browse && (h.options & OPEN_BROWSE) == 0) fail(RC_NOT_OPEN_FOR_BROWSE);
+    if (!browse && (h.options & kInputOptions) == 0) fail(RC_NOT_OPEN_FOR_INPUT);
+    queue = h.queue;
+  }
+  Selection selection;
+  if (!allZero(md.msgId, MSG_ID_LENGTH)) selection.msgId = md.msgId;
+  if (!allZero(md.correlId, CORREL_ID_LENGTH)) selection.correlId = md.correlId;
+  const bool wait = (options & GET_WAIT) != 0;
+  const Clock::time_point deadline =
+      wait && gmo.waitInterval != WAIT_UNLIMITED
+          ? Clock::now() + std::chrono::milliseconds(gmo.waitInterval)
+          : Clock::time_point::max();
+
+  for (;;) {
+    // Looked up again after every wake-up: a close or a disconnect ends the wait.
+    Connection &c = connection(hconn);
+    ObjectHandle &h = handle(c, hobj);
+    if (queue->deleted) fail(RC_Q_DELETED);
+    const QueueDefinition definitionNow = definition(h.queueName);
+    if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
+    const Clock::time_point now = Clock::now();
+    store_->discardExpired(h.queueName, now);
+    selection.after.reset();
+    if ((options & GET_BROWSE_NEXT) != 0) selection.after = h.browseCursor;
+    const Found found = store_->findMessage(h.queueName, selection, now);
+    if (found.message == nullptr) {
+      if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
+      const Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
+      if (wakeAt == Clock::time_point::max()) {
+        queue->changed.wait(lock);
+      } else {
+        queue->changed.wait_until(lock, wakeAt);
+      }
+      continue;
+    }
+
+    const Message &message = *found.message;
+    const char *bytes = message.data.data();
+    int32_t length = static_cast<int32_t>(message.data.size());
+    int32_t ccsid = message.descriptor.codedCharSetId;
+    bool notConverted = false;
+    std::vector<char> converted;
+    if ((options & GET_CONVERT) != 0 && isPcfFormat(message.descriptor.format)) {
+      const int32_t target = md.codedCharSetId == 0 ? kQueueManagerCcsid : md.codedCharSetId;
+      if (message.descriptor.encoding == ENCODING_NATIVE &&
+          convertPcfMessage(bytes, length, ccsid, target, converted)) {
+        bytes = converted.data();
+        length = static_cast<int32_t>(converted.size());
+        ccsid = target;
+      } else {
+        notConverted = true;
+      }
+    }
+    const bool truncated = length > bufferLength;
+    const int32_t copied = std::min(length, bufferLength);
+    if (copied > 0) std::memcpy(buffer, bytes, copied);
+    const vxMSGDESC asked = md;
+    md = message.descriptor;
+    std::memcpy(md.structId, asked.structId, 4);
+    md.version = asked.version;
+    md.codedCharSetId = ccsid;
+    writeName(gmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
+    gmo.returnedLength = copied;
+    if (browse) h.browseCursor = found.key;
+
+    GetResult result;
+    result.dataLength = length;
+    if (truncated && (options & GET_ACCEPT_TRUNCATED_MSG) == 0) {
+      result.outcome = {CC_FAILED, RC_MSG_TRUNCATED};
+      return result;
+    }
+    if (!browse) {
+      if ((options & GET_SYNCPOINT) != 0) {
+        if (c.unit == 0) c.unit = ++lastUnit_;
+        store_->takeInUnit(h.queueName, found.key, c.unit);
+      } else {
+        store_->removeMessage(h.queueName, found.key);
+      }
+    }
+    if (truncated) {
+      result.outcome = {CC_WARNING, RC_MSG_TRUNCATED_ACCEPTED};
+    } else if (notConverted) {
+      result.outcome = {CC_WARNING, RC_NOT_CONVERTED};
+    }
+    return result;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Inquire and set
+
+Outcome QueueManager::inquire(int32_t hconn, int32_t hobj, const std::vector<int32_t> &selectors,
+                              int32_t *intAttrs, int32_t intCount, char *charAttrs,
+                              int32_t charLength) {
+  Lock lock(mutex_);
+  const ObjectHandle &h = handle(connection(hconn), hobj);
+  if ((h.options & OPEN_INQUIRE) == 0) fail(RC_NOT_OPEN_FOR_INQUIRE);
+  std::vector<const Attribute *> wanted;
+  for (int32_t selector : selectors) wanted.push_back(&attribute(selector, h.objectType));
+  QueueDefinition queue;
+  int32_t depth = 0;
+  if (h.queue) {
+    if (h.queue->deleted) fail(RC_Q_DELETED);
+    queue = definition(h.queueName);
+    store_->discardExpired(h.queueName, Clock::now());
+    depth = store_->depth(h.queueName);
+  }
+  const AttributeView view{name_, h.queue ? &queue : nullptr, h.queue.get(), depth};
+  int32_t integers = 0;
+  int32_t characters = 0;
+  bool intsTooFew = false;
+  bool charsTooFew = false;
+  for (const Attribute *a : wanted) {
+    if (a->integer != nullptr) {
+      if (integers < intCount) {
+        const int32_t value = a->integer(view);
+        std::memcpy(intAttrs + integers, &value, sizeof value);
+      } else {
+        intsTooFew = true;
+      }
+      ++integers;
+    } else if (characters + a->length <= charLength && !charsTooFew) {
+      writeName(charAttrs + characters, a->length, a->characters(view));
+      characters += a->length;
+    } else {
+      charsTooFew = true;
+    }
+  }
+  if (intsTooFew) return {CC_WARNING, RC_INT_ATTR_COUNT_TOO_SMALL};
+  if (charsTooFew) return {CC_WARNING, RC_CHAR_ATTRS_TOO_SHORT};
+  return {};
+}
+
+void QueueManager::set(int32_t hconn, int32_t hobj, const std::vector<int32_t> &selectors,
+                       const int32_t *intAttrs, int32_t intCount) {
+  Lock lock(mutex_);
+  const ObjectHandle &h = handle(connection(hconn), hobj);
+  if ((h.options & OPEN_SET) == 0) fail(RC_NOT_OPEN_FOR_SET);
+  std::vector<const Attribute *> wanted;
+  for (int32_t selector : selectors) {
+    const Attribute &a = attribute(selector, h.objectType);
+    if (a.settable == nullptr) fail(RC_SELECTOR_ERROR);
+    wanted.push_back(&a);
+  }
+  if (static_cast<int32_t>(wanted.size()) > intCount) fail(RC_INT_ATTR_COUNT_TOO_SMALL);
+  if (h.queue->deleted) fail(RC_Q_DELETED);
+  QueueDefinition queue = definition(h.queueName);
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    int32_t value;
+    std::memcpy(&value, intAttrs + i, sizeof value);
+    if (!inRange(value, INHIBIT_ALLOWED, INHIBIT_INHIBITED)) fail(RC_SELECTOR_ERROR);
+    queue.*(wanted[i]->settable) = value;
+  }
+  store_->saveQueue(queue);
+  h.queue->changed.notify_all();  // waiting gets learn of an inhibited get
+}
+
+// ---------------------------------------------------------------------------
+// Units of work
+
+void QueueManager::begin(int32_t hconn) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  if (c.unit != 0) fail(RC_UOW_IN_PROGRESS);
+  c.unit = ++lastUnit_;
+}
+
+void QueueManager::commit(int32_t hconn) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  if (c.unit != 0) endUnit(c, true);
+}
+
+void QueueManager::backout(int32_t hconn) {
+  Lock lock(mutex_);
+  Connection &c = connection(hconn);
+  if (c.unit != 0) endUnit(c, false);
+}
+
+void QueueManager::endUnit(Connection &c, bool commit) {
+  const std::vector<std::string> available =
+      commit ? store_->commit(c.unit) : store_->backout(c.unit);
+  c.unit = 0;
+  wakeAvailable(available);
+}
+
+void QueueManager::wakeAvailable(const std::vector<std::string> &queues) {
+  for (const std::string &name : queues) {
+    auto it = queues_.find(name);
+    if (it != queues_.end()) it->second->changed.notify_all();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Administration
+
+void QueueManager::createQueue(const std::string &name, const QueueChanges &attributes) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  if (store_->findQueue(name, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
+  QueueDefinition created;
+  created.name = name;
+  applyChanges(created, attributes, true);
+  addQueue(created, std::make_shared<QueueState>());
+}
+
+void QueueManager::changeQueue(const std::string &name, const QueueChanges &changes) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  QueueDefinition changed = definition(name);
+  applyChanges(changed, changes, false);
+  QueueState &queueState = state(name);
+  store_->saveQueue(changed);
+  queueState.definitionType = changed.definitionType;
+  queueState.changed.notify_all();
+}
+
+void QueueManager::copyQueue(const std::string &from, const std::string &to,
+                             const QueueChanges &changes) {
+  Lock lock(mutex_);
+  if (!isValidName(from) || !isValidName(to)) fail(RC_OBJECT_NAME_ERROR);
+  QueueDefinition copy = definition(from);
+  if (store_->findQueue(to, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
+  copy.name = to;
+  if (copy.queueType == QTYPE_LOCAL) copy.definitionType = DEFTYPE_PREDEFINED;
+  applyChanges(copy, changes, false);
+  addQueue(copy, std::make_shared<QueueState>());
+}
+
+void QueueManager::deleteQueue(const std::string &name, bool purge) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  definition(name);
+  if (state(name).openHandles > 0) fail(RC_OBJECT_IN_USE);
+  if (!purge && store_->depth(name) > 0) fail(RC_Q_NOT_EMPTY);
+  deleteQueueObject(name);
+}
+
+void QueueManager::clearQueue(const std::string &name) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  if (definition(name).queueType != QTYPE_LOCAL) fail(RC_OBJECT_TYPE_ERROR);
+  if (state(name).openHandles > 0) fail(RC_OBJECT_IN_USE);
+  store_->clearQueue(name);
+}
+
+std::vector<std::string> QueueManager::listQueues(const std::string &pattern, int32_t queueType) {
+  Lock lock(mutex_);
+  const bool generic = !pattern.empty() && pattern.back() == '*';
+  const std::string stem = generic ? pattern.substr(0, pattern.size() - 1) : pattern;
+  if (!(generic && stem.empty()) && !isValidName(stem)) fail(RC_OBJECT_NAME_ERROR);
+  if (queueType != 0 && queueType != QTYPE_LOCAL && queueType != QTYPE_MODEL) {
+    fail(RC_SELECTOR_ERROR);
+  }
+  std::vector<std::string> names;
+  for (const std::string &name : store_->queueNames()) {
+    if (!matchesPattern(name, pattern)) continue;
+    if (queueType != 0 && definition(name).queueType != queueType) continue;
+    names.push_back(name);
+  }
+  return names;
+}
+
+QueueDefinition QueueManager::queueAttributes(const std::string &name) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  return definition(name);
+}
+
+QueueStatus QueueManager::queueStatus(const std::string &name) {
+  Lock lock(mutex_);
+  if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
+  definition(name);
+  const QueueState &queue = state(name);
+  store_->discardExpired(name, Clock::now());
+  return {store_->depth(name), queue.openInputCount, queue.openOutputCount};
+}
+
+// ---------------------------------------------------------------------------
+// Test hooks
+
+void QueueManager::holdMessages(const std::string &queue, bool hold) {
+  Lock lock(mutex_);
+  QueueState &held = state(queue);
+  held.hold = hold;
+  if (!hold && store_->releaseHeld(queue) > 0) held.changed.notify_all();
+}
+
+void QueueManager::delayMessages(const std::string &queue, int32_t milliseconds) {
+  Lock lock(mutex_);
+  if (milliseconds < 0) fail(RC_SELECTOR_ERROR);
+  state(queue).delayMilliseconds = milliseconds;
+}
+
+int32_t QueueManager::queueCount() {
+  Lock lock(mutex_);
+  return static_cast<int32_t>(store_->queueNames().size());
+}
+
+int32_t QueueManager::temporaryQueueCount() {
+  Lock lock(mutex_);
+  int32_t count = 0;
+  for (const std::string &name : store_->queueNames()) {
+    const QueueDefinition queue = definition(name);
+    if (queue.queueType == QTYPE_LOCAL && queue.definitionType == DEFTYPE_TEMPORARY_DYNAMIC) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+int32_t QueueManager::connectionCount() {
+  Lock lock(mutex_);
+  return static_cast<int32_t>(connections_.size());
+}
+
+int32_t QueueManager::messageCount(const std::string &queue) {
+  Lock lock(mutex_);
+  if (!store_->findQueue(queue, nullptr)) return -1;
+  store_->discardExpired(queue, Clock::now());
+  return store_->depth(queue);
+}
+
+// ---------------------------------------------------------------------------
+// Registry
+
+Registry &Registry::instance() {
+  // Never destroyed: a program may end while its threads still wait in a get.
+  static Registry *registry = new Registry;
+  return *registry;
+}
+
+std::shared_ptr<QueueManager> Registry::manager(const std::string &name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto &manager = managers_[name];
+  if (!manager) manager = std::make_shared<QueueManager>(name);
+  return manager;
+}
+
+std::shared_ptr<QueueManager> Registry::existing(const std::string &name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = managers_.find(name);
+  return it == managers_.end() ? nullptr : it->second;
+}
+
+int32_t Registry::connect(const std::string &name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto &manager = managers_[name];
+  if (!manager) manager = std::make_shared<QueueManager>(name);
+  const int32_t hconn = newHandle();
+  manager->addConnection(hconn);
+  try {
+    connections_.emplace(hconn, manager);
+  } catch (...) {
+    manager->disconnect(hconn);
+    throw;
+  }
+  // The process now holds connection state, which a child made by fork must
+  // not take for its own.
+  svcNoteConnection();
+  return hconn;
+}
+
+std::shared_ptr<QueueManager> Registry::connected(int32_t hconn) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = connections_.find(hconn);
+  if (it == connections_.end()) fail(RC_HCONN_ERROR);
+  return it->second;
+}
+
+void Registry::disconnect(int32_t hconn) {
+  std::shared_ptr<QueueManager> manager = connected(hconn);
+  manager->disconnect(hconn);
+  std::lock_guard<std::mutex> lock(mutex_);
+  connections_.erase(hconn);
+}
+
+void Registry::reset(const std::string &name) {
+  std::shared_ptr<QueueManager> old;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = managers_.find(name);
+    if (it == managers_.end()) return;
+    old = it->second;
+    it->second = std::make_shared<QueueManager>(name);
+    std::erase_if(connections_, [&](const auto &entry) { return entry.second == old; });
+  }
+  old->shutdown();
+}
+
+}  // namespace vxqm
