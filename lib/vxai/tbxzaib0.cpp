@@ -65,19 +65,20 @@ struct ApiTracer {
     text(line);
   }
 
-  // "Caption:" then the caller's 4 bytes, or "Caption: NULL" when there is
+  // "Caption:" then the caller's bytes, or "Caption: NULL" when there is
   // nothing that can be read.
-  void variable(const char *caption, const void *address) const {
+  void record(const char *caption, const void *address, int32_t length) const {
     char line[64];
-    if (!address || svcCheckPointer(address, 4, SVC_CHECK_READ) != 0) {
+    if (!address || svcCheckPointer(address, length, SVC_CHECK_READ) != 0) {
       snprintf(line, sizeof line, "%s: NULL", caption);
       text(line);
       return;
     }
     snprintf(line, sizeof line, "%s:", caption);
     text(line);
-    data(address, 4);
+    data(address, length);
   }
+  void variable(const char *caption, const void *address) const { record(caption, address, 4); }
 
   // "Caption:" then the bytes: all of a short buffer, or the first and the
   // last 64 bytes of a long one around a line of dots.
@@ -194,11 +195,13 @@ void zaiTraceParms(const zaiFRAME *frame, const char *format, ...) {
   trcParms(anchor, "%s", line);
 }
 
-bool zaiBagDumpsOn() {
+bool zaiTraceOn() {
   const svcPROCESSANCHOR &process = processAnchor;
-  return process.traceEnabled != 0 &&
-         (process.traceLevel != kTraceOff || process.earlyTrace != 0) &&
-         (process.traceOptions & kBagDumpOptions) == kBagDumpOptions;
+  return process.traceEnabled != 0 && (process.traceLevel != kTraceOff || process.earlyTrace != 0);
+}
+
+bool zaiBagDumpsOn() {
+  return zaiTraceOn() && (processAnchor.traceOptions & kBagDumpOptions) == kBagDumpOptions;
 }
 
 zaiFRAME zaiTraceTag(int32_t component, int32_t function) {
@@ -252,6 +255,14 @@ void zaiApiTraceEntry(const zaiAPICALL *call) {
       case ZAI_PARM_OUT_STRING:
         trace.fixed(parm.name, "Output Parm");
         break;
+      case ZAI_PARM_IN_RECORD_REFER:
+        trace.record(parm.name, parm.value, *parm.length);
+        break;
+      case ZAI_PARM_REFER:
+        trace.fixed(parm.name, parm.caption);
+        break;
+      case ZAI_PARM_EXIT_INPUT:
+        break;
     }
   }
   trace.fixed("Compcode", "Output Parm");
@@ -268,7 +279,12 @@ uint32_t zaiApiEnd(zaiAPICALL *call) {
         case ZAI_PARM_IN:
         case ZAI_PARM_IN_BUFFER:
         case ZAI_PARM_IN_STRING:
+        case ZAI_PARM_EXIT_INPUT:
           trace.fixed(parm.name, "Input  Parm");
+          break;
+        case ZAI_PARM_IN_RECORD_REFER:
+        case ZAI_PARM_REFER:
+          trace.fixed(parm.name, parm.caption);
           break;
         case ZAI_PARM_OUT:
         case ZAI_PARM_INOUT:

@@ -87,6 +87,23 @@ uint32_t vxTrim(int32_t BufferLength, const char *pBuffer, char *pString, int32_
   return zaiVXTrim(BufferLength, pBuffer, pString, pCompCode, pReason);
 }
 
+uint32_t vxExecute(VXHCONN Hconn, int32_t Command, VXHBAG OptionsBag, VXHBAG RequestBag,
+                   VXHBAG ReplyBag, VXHOBJ Requestq, VXHOBJ Replyq, int32_t *pCompCode,
+                   int32_t *pReason) {
+  return zaiVXExecute(Hconn, Command, OptionsBag, RequestBag, ReplyBag, Requestq, Replyq, pCompCode,
+                      pReason);
+}
+
+uint32_t vxPutBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pPutMsgOpts, VXHBAG Bag,
+                  int32_t *pCompCode, int32_t *pReason) {
+  return zaiVXPutBag(Hconn, Hobj, pMsgDesc, pPutMsgOpts, Bag, pCompCode, pReason);
+}
+
+uint32_t vxGetBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pGetMsgOpts, VXHBAG Bag,
+                  int32_t *pCompCode, int32_t *pReason) {
+  return zaiVXGetBag(Hconn, Hobj, pMsgDesc, pGetMsgOpts, Bag, pCompCode, pReason);
+}
+
 uint32_t vxBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *pBuffer, VXHBAG DataBag,
                        int32_t *pCompCode, int32_t *pReason) {
   return zaiVXBufferToBag(OptionsBag, BufferLength, pBuffer, DataBag, pCompCode, pReason);

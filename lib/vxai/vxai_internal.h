@@ -14,6 +14,7 @@
 
 #include "svc.h"
 #include "vxai.h"
+#include "vxqi.h"
 
 static_assert(sizeof(void *) == 4, "the library is built for 32-bit Linux only");
 
@@ -82,6 +83,7 @@ constexpr int32_t ZAI_INITIAL_ITEMS = 40;
 // ---------------------------------------------------------------------------
 
 constexpr int32_t ZAI_COMPONENT = 25;
+constexpr int32_t ZSI_COMPONENT = 32;  // the queue-interface wrappers
 constexpr int32_t ZAI_FUNCTION_NAME_ROWS = 196;
 constexpr int32_t ZAI_FUNCTION_NAME_LENGTH = 40;
 
@@ -102,6 +104,9 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiVXClearBag = 105,
   ZAIFN_zaiVXTruncateBag = 106,
   ZAIFN_zaiVXCountItems = 107,
+  ZAIFN_zaiVXExecute = 108,
+  ZAIFN_zaiVXPutBag = 109,
+  ZAIFN_zaiVXGetBag = 110,
   ZAIFN_zaiVXBufferToBag = 111,
   ZAIFN_zaiVXBagToBuffer = 112,
   ZAIFN_zaiVXPad = 113,
@@ -114,6 +119,13 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiVectorAdd = 119,
   ZAIFN_zaiVectorRemoveAt = 120,
   ZAIFN_zaiVectorSetAt = 121,
+  ZAIFN_zaiOpenSysAdminCmdQueue = 122,
+  ZAIFN_zaiOpenTempReplyQueue = 123,
+  ZAIFN_zaiCloseSysAdminCmdQueue = 124,
+  ZAIFN_zaiCloseTempReplyQueue = 125,
+  ZAIFN_zaiProcessExecuteOptionsBag = 126,
+  ZAIFN_zaiInquireReplyQueueName = 127,
+  ZAIFN_zaiSendPCFMsg = 128,
   ZAIFN_zaiBagToPCFMsg = 129,
   ZAIFN_zaiBagToPCFMsgInVXAIBuffer = 130,
   ZAIFN_zaiFreeVXAIBuffer = 131,
@@ -128,6 +140,7 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiWriteMandatoryParm = 140,
   ZAIFN_zaiWriteOptionalParm = 141,
   ZAIFN_zaiFindLargestString = 142,
+  ZAIFN_zaiReceivePCFMsg = 143,
   ZAIFN_zaiPCFMsgToBag = 144,
   ZAIFN_zaiReadPCFHeader = 145,
   ZAIFN_zaiReadPCFIntListParm = 146,
@@ -135,6 +148,7 @@ enum zaiFUNCTIONNUMBER : int32_t {
   ZAIFN_zaiReadPCFStringParm = 148,
   ZAIFN_zaiReadPCFStringListParm = 149,
   ZAIFN_zaiFreeItem = 150,
+  ZAIFN_zaiProcessPCFReplyMsg = 151,
   ZAIFN_zaiCreateBag = 152,
   ZAIFN_zaiDeleteBag = 153,
   ZAIFN_zaiAddString = 154,
@@ -179,6 +193,9 @@ void zaiTraceParms(const zaiFRAME *frame, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 // A labelled record at detail level, when parameter trace is on.
 void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length);
+// Whether the process has trace switched on at all: the gate of the trace
+// text that the queue-interface wrappers write.
+bool zaiTraceOn();
 // Bag dumps: whether the process asks for them, and the tag their lines are
 // written under (a frame that was not pushed).
 bool zaiBagDumpsOn();
@@ -193,6 +210,14 @@ enum zaiPARMKIND {
   ZAI_PARM_OUT_BUFFER,  // bytes over a length shown at exit
   ZAI_PARM_IN_STRING,   // null-terminated string shown at entry
   ZAI_PARM_OUT_STRING,  // null-terminated string shown at exit, when CC_OK
+  // A record the call hands on to a queue-interface call: its bytes over a
+  // length shown at entry, and at exit the line "name: caption", where the
+  // caption says which call to look at ("Refer to VXPUT").
+  ZAI_PARM_IN_RECORD_REFER,
+  // A record shown only as "name: caption" at entry and at exit.
+  ZAI_PARM_REFER,
+  // A line "name: Input  Parm" at exit only.
+  ZAI_PARM_EXIT_INPUT,
 };
 
 struct zaiAPIPARM {
@@ -417,11 +442,6 @@ constexpr int32_t PCF_TYPE_STRING_LIST = 6;
 
 constexpr int32_t PCF_HEADER_VERSION = 1;
 
-// Message types of the queue messages that carry PCF data.
-constexpr int32_t MSGTYPE_REQUEST = 1;
-constexpr int32_t MSGTYPE_REPLY = 2;
-constexpr int32_t MSGTYPE_DATAGRAM = 8;
-
 struct PCFHeader {
   int32_t type;  // PCF_TYPE_COMMAND ...
   int32_t structLength;
@@ -591,6 +611,73 @@ VXAI_EXPORT void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, in
 
 // Writes one line per item of the bag to the trace when bag dumps are on.
 VXAI_EXPORT void zaiTraceBagContents(int32_t component, int32_t function, const zaiBAG *bag);
+
+// ---------------------------------------------------------------------------
+// Commands and bag messages on queues
+// ---------------------------------------------------------------------------
+
+// The records every descriptor and options record of the library starts
+// from: a function copies one whole and sets the fields it needs.  The
+// request descriptor is a version-1 descriptor (its 324 bytes are what the
+// queue manager reads); the reply descriptor carries the extension.
+extern const vxMSGDESC zaiRequestMsgDescTemplate;
+extern const vxMSGDESC zaiReplyMsgDescTemplate;
+extern const vxPUTOPTS zaiPutMsgOptsTemplate;
+extern const vxGETOPTS zaiGetMsgOptsTemplate;
+extern const vxOBJDESC zaiObjDescTemplate;
+
+// The wait for each reply of vxExecute when the options bag names none.
+constexpr int32_t ZAI_DEFAULT_WAIT_INTERVAL = 30000;
+
+VXAI_EXPORT uint32_t zaiVXExecute(VXHCONN Hconn, int32_t Command, VXHBAG OptionsBag,
+                                  VXHBAG RequestBag, VXHBAG ReplyBag, VXHOBJ Requestq,
+                                  VXHOBJ Replyq, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXPutBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pPutMsgOpts,
+                                 VXHBAG Bag, int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT uint32_t zaiVXGetBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pGetMsgOpts,
+                                 VXHBAG Bag, int32_t *pCompCode, int32_t *pReason);
+
+// The wait interval an options bag asks for (null: none), by default
+// ZAI_DEFAULT_WAIT_INTERVAL.
+VXAI_EXPORT void zaiProcessExecuteOptionsBag(zaiBAG *optionsBag, int32_t *waitInterval,
+                                             int32_t *pCompCode, int32_t *pReason);
+
+// Opens the command server's queue and proves that a command server reads
+// it; the handle is stored only on success, and on failure nothing stays
+// open.
+VXAI_EXPORT void zaiOpenSysAdminCmdQueue(VXHCONN Hconn, VXHOBJ *pHobj, int32_t *pCompCode,
+                                         int32_t *pReason);
+// Opens a temporary dynamic reply queue and copies its 48-character name;
+// neither output is written on failure.
+VXAI_EXPORT void zaiOpenTempReplyQueue(VXHCONN Hconn, VXHOBJ *pHobj, char *queueName,
+                                       int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiCloseSysAdminCmdQueue(VXHCONN Hconn, VXHOBJ *pHobj, int32_t *pCompCode,
+                                          int32_t *pReason);
+// Closes and deletes the temporary queue with whatever is left on it.
+VXAI_EXPORT void zaiCloseTempReplyQueue(VXHCONN Hconn, VXHOBJ *pHobj, int32_t *pCompCode,
+                                        int32_t *pReason);
+VXAI_EXPORT void zaiInquireReplyQueueName(VXHCONN Hconn, VXHOBJ Hobj, char *queueName,
+                                          int32_t *pCompCode, int32_t *pReason);
+VXAI_EXPORT void zaiSendPCFMsg(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pPutMsgOpts,
+                               int32_t dataLength, char *buffer, int32_t *pCompCode,
+                               int32_t *pReason);
+VXAI_EXPORT void zaiReceivePCFMsg(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pGetMsgOpts,
+                                  int32_t bufferLength, char *buffer, int32_t *dataLength,
+                                  int32_t *pCompCode, int32_t *pReason);
+
+// Puts the request and collects every reply to it into the reply bag, each
+// as a system bag nested under SEL_NESTED_REPLY_BAG; the reply bag owns
+// them.
+VXAI_EXPORT void zaiSendReceivePCFMsg(VXHCONN Hconn, VXHOBJ commandQueue, vxMSGDESC *requestDesc,
+                                      vxPUTOPTS *putOptions, int32_t dataLength, char *buffer,
+                                      VXHOBJ replyQueue, int32_t waitInterval, zaiBAG *replyBag,
+                                      int32_t *pCompCode, int32_t *pReason);
+// Reads one reply message into a new system bag.  The bag is created first
+// and stays allocated whatever happens after that: the caller owns it.
+VXAI_EXPORT void zaiProcessPCFReplyMsg(int32_t dataLength, const char *buffer,
+                                       int32_t codedCharSetId, zaiBAG **newBag, int32_t *control,
+                                       int32_t *compCode, int32_t *reason, int32_t *pCompCode,
+                                       int32_t *pReason);
 
 // ---------------------------------------------------------------------------
 // Pad and trim
