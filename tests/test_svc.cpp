@@ -1083,6 +1083,16 @@ TEST_F(ControlBlockTest, EstablishingAgainKeepsTheBlock) {
   EXPECT_EQ(block->connections, 3);
 }
 
+TEST_F(ControlBlockTest, EachConnectionNotedIsCounted) {
+  svcResetControlBlock();
+  svcNoteConnection();
+  svcNoteConnection();
+  svcCONTROLBLOCK *block = svcControlBlock();
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(block->ownerPid, static_cast<int32_t>(getpid()));
+  EXPECT_EQ(block->connections, 2);
+}
+
 TEST_F(ControlBlockTest, ResetLeavesNoBlock) {
   ASSERT_NE(svcEstablishControlBlock(), nullptr);
   svcResetControlBlock();
@@ -1125,6 +1135,69 @@ TEST_F(SvcTest, GetPidIsTheProcessId) {
   int32_t fromThread = 0;
   onNewThread([&] { fromThread = svcGetPid(); });
   EXPECT_EQ(fromThread, static_cast<int32_t>(getpid()));
+}
+
+}  // namespace
+
+// ----- Per-thread memory limit ---------------------------------------------
+
+namespace {
+
+constexpr int32_t kThreadLimitComponent = 62;
+
+class ThreadMemLimitTest : public vxtest::VxTest {
+ protected:
+  void TearDown() override {
+    svcSetThreadMemLimit(0, 0);
+    VxTest::TearDown();
+  }
+};
+
+TEST_F(ThreadMemLimitTest, LargestBlockRefusesLargerBlocksOfThisThreadOnly) {
+  ASSERT_EQ(svcSetThreadMemLimit(100, 0), 0);
+  void *fits = nullptr, *tooLarge = &tooLarge, *elsewhere = nullptr;
+  EXPECT_EQ(svcGetMem(kThreadLimitComponent, 1, 100, 0, &fits), 0);
+  EXPECT_NE(svcGetMem(kThreadLimitComponent, 1, 101, 0, &tooLarge), 0);
+  EXPECT_EQ(tooLarge, nullptr);
+  int32_t other = -1;
+  std::thread thread([&] { other = svcGetMem(kThreadLimitComponent, 1, 1000, 0, &elsewhere); });
+  thread.join();
+  EXPECT_EQ(other, 0) << "another thread is not limited";
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, fits), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, elsewhere), 0);
+}
+
+TEST_F(ThreadMemLimitTest, TotalCountsLiveBytesAndReleasesCreditThem) {
+  ASSERT_EQ(svcSetThreadMemLimit(0, 300), 0);
+  void *a = nullptr, *b = nullptr, *c = &c;
+  ASSERT_EQ(svcGetMem(kThreadLimitComponent, 1, 200, 0, &a), 0);
+  ASSERT_EQ(svcGetMem(kThreadLimitComponent, 1, 100, 0, &b), 0);
+  EXPECT_NE(svcGetMem(kThreadLimitComponent, 1, 1, 0, &c), 0) << "301 bytes would be live";
+  EXPECT_EQ(c, nullptr);
+  // A release from another thread credits the thread that got the block.
+  std::thread thread([&] { EXPECT_EQ(svcFreeMem(kThreadLimitComponent, a), 0); });
+  thread.join();
+  EXPECT_EQ(svcGetMem(kThreadLimitComponent, 1, 200, 0, &c), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, b), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, c), 0);
+}
+
+TEST_F(ThreadMemLimitTest, LiftingTheLimitEndsTheCountAndANewOneStartsAtZero) {
+  void *before = nullptr, *large = nullptr, *after = nullptr;
+  ASSERT_EQ(svcGetMem(kThreadLimitComponent, 1, 500, 0, &before), 0);
+  ASSERT_EQ(svcSetThreadMemLimit(64, 128), 0);
+  EXPECT_NE(svcGetMem(kThreadLimitComponent, 1, 65, 0, &large), 0);
+  ASSERT_EQ(svcSetThreadMemLimit(0, 0), 0);
+  EXPECT_EQ(svcGetMem(kThreadLimitComponent, 1, 65, 0, &large), 0) << "limit lifted";
+  // Blocks got before the cap, or while none was set, are not counted.
+  ASSERT_EQ(svcSetThreadMemLimit(0, 128), 0);
+  EXPECT_EQ(svcGetMem(kThreadLimitComponent, 1, 128, 0, &after), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, before), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, large), 0);
+  EXPECT_EQ(svcFreeMem(kThreadLimitComponent, after), 0);
+  int32_t blocks = -1, bytes = -1;
+  svcMemLive(kThreadLimitComponent, -1, &blocks, &bytes);
+  EXPECT_EQ(blocks, 0);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
@@ -22,10 +23,21 @@
 
 namespace {
 
+// The budget of a thread under svcSetThreadMemLimit.  Its live bytes are
+// shared with the registry entries of the blocks got under it, so that a
+// release from any thread credits the budget the block was charged to.  The
+// limits are read and written by the owning thread only.
+struct ThreadBudget {
+  std::int32_t largestBlock = 0;  // 0: no limit
+  std::int32_t totalBytes = 0;    // 0: no limit
+  std::atomic<std::int64_t> liveBytes{0};
+};
+
 struct Block {
   std::uint32_t size;
   std::int32_t component;
   std::int32_t function;
+  std::shared_ptr<ThreadBudget> budget;  // null when got without a thread limit
 };
 
 std::shared_mutex gRegistryLock;
@@ -45,6 +57,17 @@ struct LastLiveBlock {
   std::uint32_t releases = 0;
 };
 thread_local LastLiveBlock tLastLive __attribute__((tls_model("initial-exec")));
+
+// The calling thread's budget, or null when it has no limit.
+thread_local std::shared_ptr<ThreadBudget> tBudget;
+
+// True when a block of `size` bytes fits the calling thread's budget.
+bool withinThreadBudget(const ThreadBudget *budget, std::int32_t size) {
+  if (!budget) return true;
+  if (budget->largestBlock > 0 && size > budget->largestBlock) return false;
+  return budget->totalBytes <= 0 ||
+         budget->liveBytes.load(std::memory_order_relaxed) + size <= budget->totalBytes;
+}
 
 // Allocations of this thread still to go before the injected failure.
 thread_local std::int32_t tInjectCountdown __attribute__((tls_model("initial-exec"))) = 0;
@@ -192,16 +215,19 @@ int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t fla
   if (size < 0 || flags != 0 || injectedFailure()) return 1;
   const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
   if (limit > 0 && size > limit) return 1;
+  const std::shared_ptr<ThreadBudget> &budget = tBudget;
+  if (!withinThreadBudget(budget.get(), size)) return 1;
   void *memory = std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
   if (!memory) return 1;
   try {
     std::unique_lock lock(gRegistryLock);
     gRegistry[reinterpret_cast<std::uintptr_t>(memory)] =
-        Block{static_cast<std::uint32_t>(size), component, function};
+        Block{static_cast<std::uint32_t>(size), component, function, budget};
   } catch (...) {
     std::free(memory);
     return 1;
   }
+  if (budget) budget->liveBytes.fetch_add(size, std::memory_order_relaxed);
   *block = memory;
   return 0;
 }
@@ -209,7 +235,11 @@ int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t fla
 int32_t svcFreeMem(int32_t, void *block) {
   {
     std::unique_lock lock(gRegistryLock);
-    if (gRegistry.erase(reinterpret_cast<std::uintptr_t>(block)) == 0) return 1;
+    auto found = gRegistry.find(reinterpret_cast<std::uintptr_t>(block));
+    if (found == gRegistry.end()) return 1;
+    if (found->second.budget)
+      found->second.budget->liveBytes.fetch_sub(found->second.size, std::memory_order_relaxed);
+    gRegistry.erase(found);
     gReleases.fetch_add(1, std::memory_order_release);
   }
   std::free(block);
@@ -242,6 +272,23 @@ int32_t svcMemLiveBlock(int32_t component, int32_t function, void **block) {
 
 void svcSetMemBlockLimit(int32_t largest) {
   gBlockLimit.store(largest > 0 ? largest : 0, std::memory_order_relaxed);
+}
+
+int32_t svcSetThreadMemLimit(int32_t largestBlock, int32_t totalBytes) {
+  if (largestBlock <= 0 && totalBytes <= 0) {
+    tBudget.reset();
+    return 0;
+  }
+  if (!tBudget) {
+    try {
+      tBudget = std::make_shared<ThreadBudget>();
+    } catch (...) {
+      return 1;
+    }
+  }
+  tBudget->largestBlock = largestBlock > 0 ? largestBlock : 0;
+  tBudget->totalBytes = totalBytes > 0 ? totalBytes : 0;
+  return 0;
 }
 
 void svcInjectMemFailure(int32_t nth) { tInjectCountdown = nth > 0 ? nth : 0; }

@@ -201,10 +201,14 @@ typedef struct svcCONTROLBLOCK {
   int32_t connections; /* connections made through it */
 } svcCONTROLBLOCK;
 
-/* The process's control block, or null when none has been established. */
+/* The process's control block, or null when none has been established.
+ * Reading it takes no lock: a block that is there is whole. */
 SVC_EXPORT svcCONTROLBLOCK *svcControlBlock(void);
 /* Establishes the block for the calling process (idempotent). */
 SVC_EXPORT svcCONTROLBLOCK *svcEstablishControlBlock(void);
+/* Establishes the block if needed and counts one connection made through
+ * it: the queue manager calls it on every connect. */
+SVC_EXPORT void svcNoteConnection(void);
 /* Discards the block, as a forked child must before it connects. */
 SVC_EXPORT void svcResetControlBlock(void);
 
@@ -229,6 +233,16 @@ SVC_EXPORT void svcInjectMemFailure(int32_t nth);
  * as if memory had run out; 0 lifts the limit.  Lets a tool that feeds the
  * library arbitrary input keep it from growing without end. */
 SVC_EXPORT void svcSetMemBlockLimit(int32_t largest);
+
+/* Caps what svcGetMem gives the calling thread: a block of more than
+ * largestBlock bytes fails, and so does one that would take the bytes the
+ * thread got since the cap was set, less those released since (by any
+ * thread), above totalBytes; either value 0 (or less) leaves that limit
+ * out, both lift the cap and end the count.  Other threads are not
+ * affected.  Lets a thread that reads what anyone may send (a command
+ * server) refuse a message whose contents would cost more than its size
+ * warrants.  Returns 0, or non-zero (no cap) without memory for the count. */
+SVC_EXPORT int32_t svcSetThreadMemLimit(int32_t largestBlock, int32_t totalBytes);
 
 /* Number of failure reports raised since the process started. */
 SVC_EXPORT int32_t svcFailureReportCount(void);
