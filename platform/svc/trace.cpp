@@ -72,11 +72,10 @@ bool openTraceFile() {
 bool rotateTraceFile() {
   const std::string name = traceFileName();
   closeTraceFile();
-  if (renameat(gTrace.directory.descriptor(), name.c_str(), gTrace.directory.descriptor(),
-               (name + ".1").c_str()) != 0 &&
-      errno != ENOENT) {
-    gTrace.directory.refuse(gTrace.directory.pathOf(name),
-                            std::string("cannot be renamed (") + std::strerror(errno) + ")");
+  const int directory = gTrace.directory.descriptor();
+  if (renameat(directory, name.c_str(), directory, (name + ".1").c_str()) != 0 && errno != ENOENT) {
+    const std::string why = std::string("cannot be renamed (") + std::strerror(errno) + ")";
+    gTrace.directory.refuse(gTrace.directory.pathOf(name), why);
     return false;
   }
   return openTraceFile();
