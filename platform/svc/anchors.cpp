@@ -1,11 +1,9 @@
 // Process and thread anchors, the environment that switches trace on, and
 // the connection-state control block.
 #include <pthread.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -22,16 +20,6 @@ namespace {
 // Trace option words behind the names VXSVC_TRACE accepts.
 constexpr std::uint32_t kApiOptions = 0x1;
 constexpr std::uint32_t kDetailOptions = 0x1 | 0xC0000 | 0x20 | 0x400 | 0x80000;
-
-std::string directoryFromEnvironment(const char *variable, const char *leaf) {
-  if (const char *value = std::getenv(variable); value && *value) return value;
-  const char *tmp = std::getenv("TMPDIR");
-  return std::string(tmp && *tmp ? tmp : "/tmp") + "/" + leaf;
-}
-
-// Set once by the load-time constructor, read-only afterwards.
-std::string gTraceDirectory;
-std::string gReportDirectory;
 
 void releaseThreadAnchor(void *anchor) { std::free(anchor); }
 
@@ -52,12 +40,10 @@ void loadCommonServices() {
     processAnchor.earlyTrace = std::atoi(early);
   if (const char *guard = std::getenv("VXSVC_SIGNAL_GUARD"))
     processAnchor.signalGuard = std::atoi(guard);
-  gTraceDirectory = directoryFromEnvironment("VXSVC_TRACE_DIR", "vxai-trace");
-  gReportDirectory = directoryFromEnvironment("VXSVC_REPORT_DIR", "vxai-reports");
+  svc::readFileSettings();
 }
 
-// Runs when the services are loaded, after the directory strings above have
-// been constructed (initialisation within one source file is in order).
+// Runs when the services are loaded.
 const bool gLoaded = (loadCommonServices(), true);
 
 // The connection-state control block.  It is made under the mutex and
@@ -69,25 +55,6 @@ std::mutex gControlBlockMutex;
 std::atomic<bool> gControlBlockSet{false};
 
 }  // namespace
-
-namespace svc {
-
-const std::string &traceDirectory() { return gTraceDirectory; }
-const std::string &reportDirectory() { return gReportDirectory; }
-
-bool ensureDirectory(const std::string &path) {
-  if (path.empty()) return false;
-  std::string partial;
-  for (std::size_t at = 0; at != std::string::npos;) {
-    std::size_t next = path.find('/', at + 1);
-    partial = path.substr(0, next);
-    if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST) return false;
-    at = next;
-  }
-  return true;
-}
-
-}  // namespace svc
 
 extern "C" {
 
@@ -113,8 +80,14 @@ svcTHREADANCHOR *svcThreadAnchor(void) {
 
 int32_t svcGetPid(void) { return static_cast<int32_t>(getpid()); }
 
-const char *svcTraceDirectory(void) { return gTraceDirectory.c_str(); }
-const char *svcReportDirectory(void) { return gReportDirectory.c_str(); }
+const char *svcTraceDirectory(void) { return svc::traceDirectoryText(); }
+const char *svcReportDirectory(void) { return svc::reportDirectoryText(); }
+
+void svcReadFileSettings(void) {
+  svc::readFileSettings();
+  svc::restartTraceFile();
+  svc::restartReportFiles();
+}
 
 svcCONTROLBLOCK *svcControlBlock(void) {
   return gControlBlockSet.load(std::memory_order_acquire) ? &gControlBlock : nullptr;

@@ -1,14 +1,21 @@
 // Failure reports: a readable text file per report, the latest kept in memory.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <deque>
 #include <mutex>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "svc.h"
 #include "svc_internal.h"
@@ -61,14 +68,93 @@ std::string reportText(std::int32_t component, std::int32_t function, std::int32
   return text;
 }
 
-void writeReportFile(const std::string &text, std::int32_t sequence) {
-  if (!svc::ensureDirectory(svc::reportDirectory())) return;
-  std::string path = svc::reportDirectory() + "/VX" + std::to_string(getpid()) + "." +
-                     std::to_string(sequence) + ".FDC";
-  if (FILE *file = std::fopen(path.c_str(), "w")) {
-    std::fputs(text.c_str(), file);
-    std::fclose(file);
+// Files are kept per directory, of every process that writes there.
+constexpr std::size_t kReportFilesKept = 100;
+
+svc::PrivateDirectory gReportDirectory{"failure reports"};  // guarded by gReportLock
+bool gReportStarted = false;                                // guarded by gReportLock
+
+// A report file's age: its modification time, then, for files of the same
+// moment, the process and the report's number in it.
+struct ReportFile {
+  std::string name;
+  std::int64_t seconds;
+  std::int64_t nanoseconds;
+  unsigned long pid;
+  unsigned long sequence;
+  auto key() const { return std::tie(seconds, nanoseconds, pid, sequence); }
+};
+
+// Digits at `at` as a number, `at` moved past them; false when there are none.
+bool number(const char *&at, unsigned long &value) {
+  if (!std::isdigit(static_cast<unsigned char>(*at))) return false;
+  for (value = 0; std::isdigit(static_cast<unsigned char>(*at)); ++at)
+    value = value * 10 + static_cast<unsigned long>(*at - '0');
+  return true;
+}
+
+// "VX<pid>.<n>.FDC", the name of a report file.
+bool reportFileName(const char *name, unsigned long &pid, unsigned long &sequence) {
+  if (std::strncmp(name, "VX", 2) != 0) return false;
+  const char *at = name + 2;
+  return number(at, pid) && *at++ == '.' && number(at, sequence) && std::strcmp(at, ".FDC") == 0;
+}
+
+// Removes the oldest report files until kReportFilesKept are left; other
+// files of the directory are left alone.
+void pruneReportFiles(int directory) {
+  int listing = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (listing < 0) return;
+  DIR *entries = fdopendir(listing);
+  if (!entries) {
+    close(listing);
+    return;
   }
+  std::vector<ReportFile> files;
+  while (const dirent *entry = readdir(entries)) {
+    ReportFile file{entry->d_name, 0, 0, 0, 0};
+    struct stat info;
+    if (!reportFileName(entry->d_name, file.pid, file.sequence) ||
+        fstatat(directory, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(info.st_mode))
+      continue;
+    file.seconds = info.st_mtim.tv_sec;
+    file.nanoseconds = info.st_mtim.tv_nsec;
+    files.push_back(std::move(file));
+  }
+  closedir(entries);
+  if (files.size() <= kReportFilesKept) return;
+  const auto oldestEnd =
+      files.begin() + static_cast<std::ptrdiff_t>(files.size() - kReportFilesKept);
+  std::nth_element(files.begin(), oldestEnd, files.end(),
+                   [](const ReportFile &a, const ReportFile &b) { return a.key() < b.key(); });
+  for (auto file = files.begin(); file != oldestEnd; ++file)
+    unlinkat(directory, file->name.c_str(), 0);
+}
+
+// A new file for each report: a name that is taken (by a file of an earlier
+// process of the same number, or by a link) is never opened, and the report
+// stays in memory only.
+void writeReportFile(const std::string &text, std::int32_t sequence) {
+  std::lock_guard lock(gReportLock);
+  if (!gReportStarted) {
+    gReportDirectory.reset(svc::reportDirectorySetting());
+    gReportStarted = true;
+  }
+  const int directory = gReportDirectory.descriptor();
+  if (directory < 0) return;
+  const std::string name =
+      "VX" + std::to_string(getpid()) + "." + std::to_string(sequence) + ".FDC";
+  int file = openat(directory, name.c_str(),
+                    O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (file < 0) {
+    svc::warn("vxai: failure report not written: " + gReportDirectory.pathOf(name) + " " +
+              "cannot be created (" + std::strerror(errno) + ")");
+    return;
+  }
+  svc::writeAll(file, text.data(), text.size());
+  close(file);
+  pruneReportFiles(directory);
 }
 
 // A dump may reach past the record it was asked for (the first 64 bytes at
@@ -82,6 +168,15 @@ __attribute__((no_sanitize("address"))) void copyReadable(unsigned char *to, con
 }
 
 }  // namespace
+
+namespace svc {
+
+void restartReportFiles() {
+  std::lock_guard lock(gReportLock);
+  gReportStarted = false;
+}
+
+}  // namespace svc
 
 extern "C" {
 

@@ -145,8 +145,10 @@ typedef struct svcINSERTS {
 SVC_EXPORT void svcBuildDumpArea(svcDUMPAREAS *areas, const char *label, const void *address,
                                  int32_t length);
 
-/* Writes a failure report (a readable text file in the report directory) and
- * keeps it in memory for tests.  Never fails visibly. */
+/* Writes a failure report (a readable text file in the report directory,
+ * where the latest 100 are kept) and keeps it in memory for tests.  Never
+ * fails visibly: a report that cannot be written to a file is kept in memory
+ * only, with a line on standard error. */
 SVC_EXPORT void svcFailureReport(int32_t component, int32_t function, int32_t probe,
                                  uint32_t resultCode, const svcINSERTS *inserts,
                                  const svcDUMPAREAS *areas);
@@ -155,9 +157,12 @@ SVC_EXPORT void svcFailureReport(int32_t component, int32_t function, int32_t pr
 /* Trace                                                                   */
 /* ---------------------------------------------------------------------- */
 
-/* Trace lines go to one file per process in the trace directory, or to the
- * in-memory capture when a test has started one.  The function names come
- * from the table registered with trcRegisterFunctionNames. */
+/* Trace lines go to one file per process in the trace directory (renamed to
+ * vxai.<pid>.trc.1 when it reaches its cap), or to the in-memory capture when
+ * a test has started one.  A directory or file that is not private to the
+ * user switches the file off, not the lines: the capture still sees them.
+ * The function names come from the table registered with
+ * trcRegisterFunctionNames. */
 
 /* Registers the product's function-name table (rows of 40 characters, row =
  * function number).  The table must outlive every trace call. */
@@ -269,9 +274,23 @@ SVC_EXPORT void trcCaptureStop(void);
 SVC_EXPORT int32_t trcCapturedCount(void);
 SVC_EXPORT int32_t trcCaptured(int32_t i, trcCAPTURED *line);
 
-/* Where trace files and failure reports go (from the environment). */
+/* Where trace files and failure reports go (see README, "Trace"). */
 SVC_EXPORT const char *svcTraceDirectory(void);
 SVC_EXPORT const char *svcReportDirectory(void);
+
+/* Reads again from the environment, as when the services are loaded, where
+ * trace files and failure reports go and the trace-file cap (VXSVC_TRACE_DIR,
+ * VXSVC_REPORT_DIR, XDG_STATE_HOME, HOME, VXSVC_TRACE_MAX_MB).  The trace file
+ * is closed and a directory refused before is forgotten: the next trace line
+ * and the next report check their directory afresh.  Call it while no other
+ * thread traces or reports; strings of svcTraceDirectory and
+ * svcReportDirectory taken before are then no longer valid. */
+SVC_EXPORT void svcReadFileSettings(void);
+
+/* Sets the size in bytes at which the trace file is renamed to
+ * vxai.<pid>.trc.1 and a new one begun, in place of VXSVC_TRACE_MAX_MB;
+ * 0 goes back to VXSVC_TRACE_MAX_MB. */
+SVC_EXPORT void svcSetTraceFileCap(int32_t bytes);
 
 #ifdef __cplusplus
 }

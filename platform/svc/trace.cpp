@@ -1,9 +1,14 @@
 // Trace: readable lines in one file per process, or in memory for tests.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -28,26 +33,74 @@ const char (*gNames)[40] = nullptr;
 std::int32_t gNameRows = 0;
 
 std::mutex gTraceLock;
-FILE *gTraceFile = nullptr;      // guarded by gTraceLock; opened on first use
-pid_t gTraceFilePid = 0;         // guarded by gTraceLock; process that opened it
 bool gCapturing = false;         // guarded by gTraceLock
 std::deque<Captured> gCaptured;  // guarded by gTraceLock; a deque keeps
                                  // addresses stable while it grows
 
-FILE *traceFile() {
+// The process's trace file, vxai.<pid>.trc in the trace directory.  When it
+// would grow past the cap it is renamed to vxai.<pid>.trc.1, replacing the
+// older one, and a new file begins: at most twice the cap is kept.
+struct TraceFile {
+  svc::PrivateDirectory directory{"trace"};
+  bool started = false;         // the settings have been taken
+  std::int64_t capSetting = 0;  // bytes, from the settings
+  std::int64_t capSet = 0;      // bytes set by a test or tool; 0: the setting
+  int descriptor = -1;          // open file, or -1
+  pid_t pid = 0;                // process that opened it
+  std::int64_t size = 0;        // bytes in the open file
+};
+TraceFile gTrace;  // guarded by gTraceLock
+
+std::string traceFileName() { return "vxai." + std::to_string(getpid()) + ".trc"; }
+
+void closeTraceFile() {
+  if (gTrace.descriptor >= 0) close(gTrace.descriptor);
+  gTrace.descriptor = -1;
+}
+
+bool openTraceFile() {
+  gTrace.descriptor = svc::openPrivateFile(gTrace.directory, traceFileName());
+  if (gTrace.descriptor < 0) return false;
+  gTrace.pid = getpid();
+  struct stat info;
+  gTrace.size = fstat(gTrace.descriptor, &info) == 0 ? info.st_size : 0;
+  return true;
+}
+
+// The full file becomes vxai.<pid>.trc.1; a link of that name is replaced,
+// never followed.
+bool rotateTraceFile() {
+  const std::string name = traceFileName();
+  closeTraceFile();
+  const int directory = gTrace.directory.descriptor();
+  if (renameat(directory, name.c_str(), directory, (name + ".1").c_str()) != 0 && errno != ENOENT) {
+    const std::string why = std::string("cannot be renamed (") + std::strerror(errno) + ")";
+    gTrace.directory.refuse(gTrace.directory.pathOf(name), why);
+    return false;
+  }
+  return openTraceFile();
+}
+
+// Appends one line to the trace file.  A line longer than the cap is cut
+// to it, so that no file ever holds more than the cap.
+void writeTraceLine(const std::string &line) {
   // A forked child inherits its parent's open file; it writes to a file of
-  // its own.  Every line is flushed, so closing the inherited copy loses
-  // nothing and leaves the parent's file as it is.
-  if (gTraceFile && gTraceFilePid != getpid()) {
-    std::fclose(gTraceFile);
-    gTraceFile = nullptr;
+  // its own.  The directory checked by the parent serves it as well.
+  if (gTrace.descriptor >= 0 && gTrace.pid != getpid()) closeTraceFile();
+  if (!gTrace.started) {
+    gTrace.directory.reset(svc::traceDirectorySetting());
+    gTrace.capSetting = svc::traceFileCapSetting();
+    gTrace.started = true;
   }
-  if (!gTraceFile && svc::ensureDirectory(svc::traceDirectory())) {
-    std::string path = svc::traceDirectory() + "/vxai." + std::to_string(getpid()) + ".trc";
-    gTraceFile = std::fopen(path.c_str(), "a");
-    gTraceFilePid = getpid();
-  }
-  return gTraceFile;
+  if (gTrace.descriptor < 0 && !openTraceFile()) return;
+  // Both caps are below 2 GB, so they fit a size_t.
+  const std::int64_t cap = gTrace.capSet > 0 ? gTrace.capSet : gTrace.capSetting;
+  const std::size_t length = std::min(line.size(), static_cast<std::size_t>(cap));
+  if (gTrace.size > 0 && gTrace.size + static_cast<std::int64_t>(length) > cap &&
+      !rotateTraceFile())
+    return;
+  if (svc::writeAll(gTrace.descriptor, line.data(), length))
+    gTrace.size += static_cast<std::int64_t>(length);
 }
 
 void emit(std::int32_t component, std::int32_t function, bool isData, const char *bytes,
@@ -59,17 +112,16 @@ void emit(std::int32_t component, std::int32_t function, bool isData, const char
                                    std::string(bytes, static_cast<std::size_t>(length))});
       return;
     }
-    FILE *file = traceFile();
-    if (!file) return;
-    std::string prefix = svc::timeAndThread() + " " + svc::functionName(function);
+    std::string line = svc::timeAndThread() + " " + svc::functionName(function);
     if (isData) {
-      std::fprintf(
-          file, "%s  %d bytes\n%s", prefix.c_str(), length,
-          svc::hexLines(reinterpret_cast<const unsigned char *>(bytes), length, "    ").c_str());
+      line += "  " + std::to_string(length) + " bytes\n" +
+              svc::hexLines(reinterpret_cast<const unsigned char *>(bytes), length, "    ");
     } else {
-      std::fprintf(file, "%s  %.*s\n", prefix.c_str(), static_cast<int>(length), bytes);
+      line += "  ";
+      line.append(bytes, static_cast<std::size_t>(length));
+      line += '\n';
     }
-    std::fflush(file);
+    writeTraceLine(line);
   } catch (...) {
     // A trace line that cannot be stored is lost; the caller goes on.
   }
@@ -145,6 +197,12 @@ std::string timeAndThread() {
   return text;
 }
 
+void restartTraceFile() {
+  std::lock_guard lock(gTraceLock);
+  closeTraceFile();
+  gTrace.started = false;
+}
+
 }  // namespace svc
 
 extern "C" {
@@ -196,6 +254,11 @@ void trcParms(svcTHREADANCHOR *anchor, const char *format, ...) {
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   emitText(anchor->tagComponent, anchor->tagFunction, text);
+}
+
+void svcSetTraceFileCap(int32_t bytes) {
+  std::lock_guard lock(gTraceLock);
+  gTrace.capSet = bytes > 0 ? bytes : 0;
 }
 
 void trcCaptureStart(void) {
