@@ -530,6 +530,70 @@ TEST_F(ExecuteTest, CallerQueuesAreUsedAndNeverClosed) {
   EXPECT_OK(cc, rc);
 }
 
+// ----- The records every descriptor starts from ----------------------------------------------
+
+// The 32-bit word at an offset of a record.
+int32_t wordAt(const void *record, size_t offset) {
+  int32_t value;
+  memcpy(&value, static_cast<const char *>(record) + offset, sizeof value);
+  return value;
+}
+
+bool allZero(const void *record, size_t from, size_t to) {
+  const auto *bytes = static_cast<const unsigned char *>(record);
+  for (size_t i = from; i < to; ++i)
+    if (bytes[i] != 0) return false;
+  return true;
+}
+
+TEST(Templates, TheRequestDescriptorIsADatagramWithoutExpiry) {
+  const vxMSGDESC &md = zaiRequestMsgDescTemplate;
+  EXPECT_EQ(std::string(md.structId, 4), "MD  ");
+  const std::pair<size_t, int32_t> words[] = {{4, 1},    {8, 0},  {12, 8},  {16, -1}, {20, 0},
+                                              {24, 546}, {28, 0}, {40, -1}, {44, 2},  {96, 0}};
+  for (auto [offset, value] : words) EXPECT_EQ(wordAt(&md, offset), value) << offset;
+  EXPECT_EQ(std::string(md.format, 8), "        ");
+  EXPECT_TRUE(allZero(&md, 48, 96));
+  EXPECT_TRUE(allZero(&md, 100, 324));
+}
+
+TEST(Templates, TheReplyDescriptorAddsTheExtension) {
+  const vxMSGDESC &md = zaiReplyMsgDescTemplate;
+  EXPECT_EQ(memcmp(&md, &zaiRequestMsgDescTemplate, MD_LENGTH_1), 0);
+  EXPECT_EQ(md.version, 1);
+  EXPECT_TRUE(allZero(&md, 324, 348));
+  EXPECT_EQ(wordAt(&md, 348), 1);
+  EXPECT_EQ(wordAt(&md, 352), 0);
+  EXPECT_EQ(wordAt(&md, 356), 0);
+  EXPECT_EQ(wordAt(&md, 360), -1);
+}
+
+TEST(Templates, OptionsAndObjectDescriptor) {
+  const vxPUTOPTS &pmo = zaiPutMsgOptsTemplate;
+  EXPECT_EQ(std::string(pmo.structId, 4), "PMO ");
+  EXPECT_EQ(wordAt(&pmo, 4), 1);
+  EXPECT_EQ(wordAt(&pmo, 8), 0);
+  EXPECT_EQ(wordAt(&pmo, 12), -1);
+  EXPECT_TRUE(allZero(&pmo, 16, 152));
+
+  const vxGETOPTS &gmo = zaiGetMsgOptsTemplate;
+  EXPECT_EQ(std::string(gmo.structId, 4), "GMO ");
+  EXPECT_EQ(wordAt(&gmo, 4), 1);
+  EXPECT_TRUE(allZero(&gmo, 8, 72));
+  EXPECT_EQ(wordAt(&gmo, 72), 3);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(&gmo) + 76, 4), "    ");
+  EXPECT_TRUE(allZero(&gmo, 80, 96));
+  EXPECT_EQ(wordAt(&gmo, 96), -1);
+
+  const vxOBJDESC &od = zaiObjDescTemplate;
+  EXPECT_EQ(std::string(od.structId, 4), "OD  ");
+  EXPECT_EQ(wordAt(&od, 4), 1);
+  EXPECT_EQ(wordAt(&od, 8), 1);
+  EXPECT_TRUE(allZero(&od, 12, 108));
+  EXPECT_EQ(std::string(od.dynamicQName, 5), "TBX.*");
+  EXPECT_TRUE(allZero(&od, 113, 336));
+}
+
 // ----- The queue functions ------------------------------------------------------------------
 
 TEST_F(ExecuteTest, TheCommandQueueOpensOnlyWithAServerReadingIt) {

@@ -63,13 +63,9 @@ void putName(char (&field)[Q_NAME_LENGTH], const char (&name)[N]) {
   memcpy(field, name, N);
 }
 
-}  // namespace
-
-extern "C" {
-
 // The request descriptor: vxExecute makes it a request and sets its expiry.
 // Its extension is not read (version 1).
-const vxMSGDESC zaiRequestMsgDescTemplate = {
+constexpr vxMSGDESC kRequestDescriptor = {
     .structId = {'M', 'D', ' ', ' '},
     .version = MD_VERSION_1,
     .reportOptions = 0,
@@ -96,30 +92,18 @@ const vxMSGDESC zaiRequestMsgDescTemplate = {
 
 // The reply descriptor: the same, with the extension filled in, which the
 // library never changes.
-const vxMSGDESC zaiReplyMsgDescTemplate = {
-    .structId = {'M', 'D', ' ', ' '},
-    .version = MD_VERSION_1,
-    .reportOptions = 0,
-    .msgType = MSGTYPE_DATAGRAM,
-    .expiry = EXPIRY_UNLIMITED,
-    .feedback = 0,
-    .encoding = ENCODING_NATIVE,
-    .codedCharSetId = 0,
-    .format = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '},
-    .priority = PRIORITY_AS_Q_DEF,
-    .persistence = PERSISTENCE_AS_Q_DEF,
-    .msgId = {},  // the queue manager generates one on put
-    .correlId = {},
-    .backoutCount = 0,
-    .replyToQ = {},
-    .replyToQMgr = {},
-    .context = {},
-    .groupId = {},
-    .msgSeqNumber = 1,
-    .offset = 0,
-    .msgFlags = 0,
-    .originalLength = -1,
-};
+constexpr vxMSGDESC withExtension(vxMSGDESC descriptor) {
+  descriptor.msgSeqNumber = 1;
+  descriptor.originalLength = -1;
+  return descriptor;
+}
+
+}  // namespace
+
+extern "C" {
+
+const vxMSGDESC zaiRequestMsgDescTemplate = kRequestDescriptor;
+const vxMSGDESC zaiReplyMsgDescTemplate = withExtension(kRequestDescriptor);
 
 const vxPUTOPTS zaiPutMsgOptsTemplate = {
     .structId = {'P', 'M', 'O', ' '},
