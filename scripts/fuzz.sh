@@ -22,20 +22,21 @@ build=$(cd "$build" && pwd)
 
 common="-m32 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
-  -Ilib/vxai -Ilib/vxi -Iplatform/svc"
+  -Ilib/vxai -Ilib/vxi -Iplatform/svc -Iplatform/qm"
 
 echo "== building fuzz_pcf in $build"
 objects=""
-# The common services use exceptions internally; they are not the code under
-# test, so they get no coverage instrumentation.
-for source in platform/svc/*.cpp; do
-  object="$build/obj/svc_$(basename "$source" .cpp).o"
+# The common services and the queue manager (which the library's queue
+# calls reach) use exceptions internally; they are not the code under test,
+# so they get no coverage instrumentation.
+for source in platform/svc/*.cpp platform/qm/*.cpp; do
+  object="$build/obj/$(basename "$(dirname "$source")")_$(basename "$source" .cpp).o"
   clang++ $common -c "$source" -o "$object"
   objects="$objects $object"
 done
 # The library is built as its own build builds it: no exceptions, no RTTI.
-for source in lib/vxai/*.cpp; do
-  object="$build/obj/vxai_$(basename "$source" .cpp).o"
+for source in lib/vxai/*.cpp lib/vxi/*.cpp; do
+  object="$build/obj/$(basename "$(dirname "$source")")_$(basename "$source" .cpp).o"
   clang++ $common -fsanitize=fuzzer-no-link -fno-exceptions -fno-rtti -c "$source" -o "$object"
   objects="$objects $object"
 done

@@ -56,14 +56,14 @@ constexpr int32_t kParmIdOffset = 8;
 
 constexpr int32_t kIntegerLength = 16;
 
-constexpr int32_t kStringCcsidOffset = 12;
+// A string and a string list both carry their character set here.
+constexpr int32_t kCcsidOffset = 12;
 constexpr int32_t kStringLengthOffset = 16;
 constexpr int32_t kStringDataOffset = 20;
 
 constexpr int32_t kIntegerListCountOffset = 12;
 constexpr int32_t kIntegerListDataOffset = 16;
 
-constexpr int32_t kListCcsidOffset = 12;
 constexpr int32_t kListCountOffset = 16;
 constexpr int32_t kListStringLengthOffset = 20;
 constexpr int32_t kListDataOffset = 24;
@@ -158,7 +158,7 @@ bool walkMessage(const char *message, int32_t length, std::vector<Parm> &parms) 
 // The character set a string structure's bytes are in: its own CCSID field,
 // or the message's when that field is 0.
 int32_t sourceOf(const char *message, const Parm &parm, int32_t fromCcsid) {
-  const int32_t own = getField(message, parm.offset + kStringCcsidOffset);
+  const int32_t own = getField(message, parm.offset + kCcsidOffset);
   return own != 0 ? own : fromCcsid;
 }
 
