@@ -535,16 +535,23 @@ void appendItem(zaiBAG *bag, const zaiPROPERTY *item, int32_t *pCompCode, int32_
 }
 
 // The first occurrence decides the type of a selector: an add looks for it,
-// and a selector not yet present is no failure.
-void checkTypeForAdd(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
-                     int32_t *pReason) {
-  int32_t found;
-  zaiPROPERTY *first = zaiFindSelector(bag, 0, selector, 0, &found, pCompCode, pReason);
-  if (*pCompCode != CC_OK) {
-    if (*pReason == RC_SELECTOR_NOT_PRESENT) *pCompCode = *pReason = 0;
-  } else if (first->type != type) {
-    zaiFail(pCompCode, pReason, RC_INCONSISTENT_ITEM_TYPE);
+// unless its caller already knows that type, and a selector not yet present
+// is no failure.
+void checkTypeForAdd(zaiBAG *bag, int32_t selector, int32_t type, int32_t firstType,
+                     int32_t *pCompCode, int32_t *pReason) {
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (firstType == ZAI_FIRST_UNKNOWN) {
+    int32_t found;
+    zaiPROPERTY *first = zaiFindSelector(bag, 0, selector, 0, &found, pCompCode, pReason);
+    if (*pCompCode != CC_OK) {
+      if (*pReason == RC_SELECTOR_NOT_PRESENT) *pCompCode = *pReason = 0;
+      return;
+    }
+    firstType = first->type;
   }
+  if (firstType != ZAI_FIRST_NONE && firstType != type)
+    zaiFail(pCompCode, pReason, RC_INCONSISTENT_ITEM_TYPE);
 }
 
 // Looks an item up for a set or an inquiry and demands its type.
@@ -779,14 +786,7 @@ uint32_t zaiVXAddInquiry(VXHBAG Bag, int32_t Selector, int32_t *pCompCode, int32
 
 void zaiAddInteger(zaiBAG *bag, int32_t selector, int32_t value, int32_t *pCompCode,
                    int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddInteger);
-  zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_INTEGER, pCompCode, pReason);
-  if (*pCompCode == CC_OK) {
-    const zaiPROPERTY item = integerItem(selector, value);
-    appendItem(bag, &item, pCompCode, pReason);
-  }
-  zaiFramePop(&frame, *pReason);
+  zaiAddIntegerKnown(bag, selector, value, ZAI_FIRST_UNKNOWN, pCompCode, pReason);
 }
 
 void zaiSetInteger(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t value,
@@ -908,9 +908,30 @@ uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int
 
 void zaiAddString(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
                   int32_t codedCharSetId, int32_t *pCompCode, int32_t *pReason) {
+  zaiAddStringKnown(bag, selector, length, bytes, codedCharSetId, ZAI_FIRST_UNKNOWN, pCompCode,
+                    pReason);
+}
+
+}  // extern "C"
+
+void zaiAddIntegerKnown(zaiBAG *bag, int32_t selector, int32_t value, int32_t firstType,
+                        int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddInteger);
+  zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_INTEGER, firstType, pCompCode, pReason);
+  if (*pCompCode == CC_OK) {
+    const zaiPROPERTY item = integerItem(selector, value);
+    appendItem(bag, &item, pCompCode, pReason);
+  }
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiAddStringKnown(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
+                       int32_t codedCharSetId, int32_t firstType, int32_t *pCompCode,
+                       int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddString);
   zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_STRING, pCompCode, pReason);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_STRING, firstType, pCompCode, pReason);
   if (*pCompCode == CC_OK) {
     zaiPROPERTY item = {};
     memcpy(item.eyeCatcher, kItemEyeCatcher, 4);
@@ -928,6 +949,8 @@ void zaiAddString(zaiBAG *bag, int32_t selector, int32_t length, const char *byt
   }
   zaiFramePop(&frame, *pReason);
 }
+
+extern "C" {
 
 void zaiSetString(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t length,
                   const char *bytes, int32_t *pCompCode, int32_t *pReason) {
@@ -1057,7 +1080,7 @@ void zaiAddBag(zaiBAG *bag, int32_t selector, VXHBAG nestedBag, int32_t *pCompCo
                int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddBag);
   zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_BAG, pCompCode, pReason);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_BAG, ZAI_FIRST_UNKNOWN, pCompCode, pReason);
   if (*pCompCode == CC_OK) {
     zaiPROPERTY item = {};
     memcpy(item.eyeCatcher, kItemEyeCatcher, 4);

@@ -2,6 +2,7 @@
 // structures, the command rules that put a command's leading parameters
 // first, and the readers that turn structures back into items.
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "vxai_internal.h"
@@ -178,6 +179,36 @@ void checkParameter(zaiBAG *bag, int32_t parameter, int32_t itemType, int32_t *p
     zaiCheckSelector(bag, parameter, itemType, pCompCode, pReason);
 }
 
+// Adds the values of one structure, all under its identifier, and keeps
+// track of the type of the identifier's first occurrence: the first add
+// learns it from what the reader knows, or by looking through the bag; once
+// an add has succeeded, that type is the structure's own, since all items of
+// a selector share one type.
+class Adder {
+ public:
+  Adder(zaiSELECTORTYPES *known, int32_t selector, int32_t itemType, const int32_t *pCompCode)
+      : known_(known),
+        selector_(selector),
+        itemType_(itemType),
+        pCompCode_(pCompCode),
+        firstType_(known ? zaiKnownType(known, selector) : ZAI_FIRST_UNKNOWN) {}
+
+  template <typename Add>
+  void operator()(Add add) {
+    add(firstType_);
+    if (*pCompCode_ != CC_OK || firstType_ == itemType_) return;
+    if (known_ && firstType_ == ZAI_FIRST_NONE) zaiLearnType(known_, selector_, itemType_);
+    firstType_ = itemType_;
+  }
+
+ private:
+  zaiSELECTORTYPES *known_;
+  int32_t selector_;
+  int32_t itemType_;
+  const int32_t *pCompCode_;
+  int32_t firstType_;
+};
+
 // The steps every structure reader shares: the structure's fields are copied
 // out of the message, its lengths and counts checked (wellFormed), its
 // identifier checked as a selector of the item type its values take, and its
@@ -185,8 +216,8 @@ void checkParameter(zaiBAG *bag, int32_t parameter, int32_t itemType, int32_t *p
 // bytes of the structure go to the trace.
 template <typename Record, typename WellFormed, typename AddItems>
 void readStructure(int32_t function, int32_t tracedLength, int32_t itemType, const char *structure,
-                   zaiBAG *bag, int32_t *pCompCode, int32_t *pReason, WellFormed wellFormed,
-                   AddItems addItems) {
+                   zaiBAG *bag, zaiSELECTORTYPES *known, int32_t *pCompCode, int32_t *pReason,
+                   WellFormed wellFormed, AddItems addItems) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, function);
   zaiTraceParms(&frame, "pParm:%p, pBag:%p", addressOf(structure), static_cast<void *>(bag));
   *pCompCode = CC_OK;
@@ -197,7 +228,10 @@ void readStructure(int32_t function, int32_t tracedLength, int32_t itemType, con
     zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
   else
     checkParameter(bag, record.parameter, itemType, pCompCode, pReason);
-  if (*pCompCode == CC_OK) addItems(record, structure + sizeof record);
+  if (*pCompCode == CC_OK) {
+    Adder add(known, record.parameter, itemType, pCompCode);
+    addItems(record, structure + sizeof record, add);
+  }
   if (*pCompCode != CC_OK) trcData(ZAI_COMPONENT, function, structure, tracedLength);
   zaiFramePop(&frame, *pReason);
 }
@@ -549,61 +583,158 @@ void zaiReadPCFHeader(const char *header, zaiBAG *bag, int32_t *pCompCode, int32
 }
 
 void zaiReadPCFIntParm(const char *structure, zaiBAG *bag, int32_t *pCompCode, int32_t *pReason) {
-  readStructure<PCFIntParm>(
-      ZAIFN_zaiReadPCFIntParm, 12, ITEM_TYPE_INTEGER, structure, bag, pCompCode, pReason,
-      // No surplus: an integer structure is exactly its four words.
-      [](const PCFIntParm &parm) { return parm.structLength == int32_t{sizeof parm}; },
-      [&](const PCFIntParm &parm, const char *) {
-        zaiAddInteger(bag, parm.parameter, parm.value, pCompCode, pReason);
-      });
+  zaiReadPCFIntParmKnown(structure, bag, nullptr, pCompCode, pReason);
 }
 
 void zaiReadPCFStringParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                           int32_t *pReason) {
+  zaiReadPCFStringParmKnown(structure, bag, nullptr, pCompCode, pReason);
+}
+
+void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                           int32_t *pReason) {
+  zaiReadPCFIntListParmKnown(structure, bag, nullptr, pCompCode, pReason);
+}
+
+void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
+                              int32_t *pReason) {
+  zaiReadPCFStringListParmKnown(structure, bag, nullptr, pCompCode, pReason);
+}
+
+}  // extern "C"
+
+void zaiReadPCFIntParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                            int32_t *pCompCode, int32_t *pReason) {
+  readStructure<PCFIntParm>(
+      ZAIFN_zaiReadPCFIntParm, 12, ITEM_TYPE_INTEGER, structure, bag, known, pCompCode, pReason,
+      // No surplus: an integer structure is exactly its four words.
+      [](const PCFIntParm &parm) { return parm.structLength == int32_t{sizeof parm}; },
+      [&](const PCFIntParm &parm, const char *, Adder &add) {
+        add([&](int32_t firstType) {
+          zaiAddIntegerKnown(bag, parm.parameter, parm.value, firstType, pCompCode, pReason);
+        });
+      });
+}
+
+void zaiReadPCFStringParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                               int32_t *pCompCode, int32_t *pReason) {
   readStructure<PCFStringParm>(
-      ZAIFN_zaiReadPCFStringParm, 20, ITEM_TYPE_STRING, structure, bag, pCompCode, pReason,
+      ZAIFN_zaiReadPCFStringParm, 20, ITEM_TYPE_STRING, structure, bag, known, pCompCode, pReason,
       [](const PCFStringParm &parm) {
         return isMultipleOf4(parm.structLength) && parm.stringLength >= 0 &&
                parm.structLength >= int64_t{sizeof parm} + parm.stringLength;
       },
       // Exactly the bytes the structure counts: the padding is not part of them.
-      [&](const PCFStringParm &parm, const char *bytes) {
-        zaiAddString(bag, parm.parameter, parm.stringLength, bytes, parm.codedCharSetId, pCompCode,
-                     pReason);
+      [&](const PCFStringParm &parm, const char *bytes, Adder &add) {
+        add([&](int32_t firstType) {
+          zaiAddStringKnown(bag, parm.parameter, parm.stringLength, bytes, parm.codedCharSetId,
+                            firstType, pCompCode, pReason);
+        });
       });
 }
 
-void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
-                           int32_t *pReason) {
+void zaiReadPCFIntListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                int32_t *pCompCode, int32_t *pReason) {
   readStructure<PCFIntListParm>(
-      ZAIFN_zaiReadPCFIntListParm, 16, ITEM_TYPE_INTEGER, structure, bag, pCompCode, pReason,
+      ZAIFN_zaiReadPCFIntListParm, 16, ITEM_TYPE_INTEGER, structure, bag, known, pCompCode, pReason,
       [](const PCFIntListParm &list) {
         return isMultipleOf4(list.structLength) && list.count >= 0 &&
                list.structLength >= int64_t{sizeof list} + int64_t{4} * list.count;
       },
       // Values added before a failure stay in the bag.
-      [&](const PCFIntListParm &list, const char *values) {
+      [&](const PCFIntListParm &list, const char *values, Adder &add) {
         for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
-          zaiAddInteger(bag, list.parameter, zaiGetField(values, 4 * static_cast<size_t>(i)),
-                        pCompCode, pReason);
+          add([&](int32_t firstType) {
+            zaiAddIntegerKnown(bag, list.parameter, zaiGetField(values, 4 * static_cast<size_t>(i)),
+                               firstType, pCompCode, pReason);
+          });
       });
 }
 
-void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
-                              int32_t *pReason) {
+void zaiReadPCFStringListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                   int32_t *pCompCode, int32_t *pReason) {
   readStructure<PCFStringListParm>(
-      ZAIFN_zaiReadPCFStringListParm, 24, ITEM_TYPE_STRING, structure, bag, pCompCode, pReason,
+      ZAIFN_zaiReadPCFStringListParm, 24, ITEM_TYPE_STRING, structure, bag, known, pCompCode,
+      pReason,
       [](const PCFStringListParm &list) {
         return isMultipleOf4(list.structLength) && list.count >= 0 && list.stringLength >= 0 &&
                list.structLength >= int64_t{sizeof list} + int64_t{list.count} * list.stringLength;
       },
       // Each string keeps the list's length, trailing zeros or blanks included.
-      [&](const PCFStringListParm &list, const char *strings) {
+      [&](const PCFStringListParm &list, const char *strings, Adder &add) {
         for (int32_t i = 0; i < list.count && *pCompCode == CC_OK; ++i)
-          zaiAddString(bag, list.parameter, list.stringLength,
-                       strings + static_cast<size_t>(i) * static_cast<size_t>(list.stringLength),
-                       list.codedCharSetId, pCompCode, pReason);
+          add([&](int32_t firstType) {
+            zaiAddStringKnown(
+                bag, list.parameter, list.stringLength,
+                strings + static_cast<size_t>(i) * static_cast<size_t>(list.stringLength),
+                list.codedCharSetId, firstType, pCompCode, pReason);
+          });
       });
 }
 
-}  // extern "C"
+// ----- What the reader knows of its bag -----------------------------------------------
+
+namespace {
+
+constexpr int32_t kFirstTypeEntries = 64;
+
+uint32_t slotOf(int32_t selector, int32_t capacity) {
+  return (static_cast<uint32_t>(selector) * 0x9E3779B1u) & static_cast<uint32_t>(capacity - 1);
+}
+
+void giveUp(zaiSELECTORTYPES *known) {
+  zaiForgetTypes(known);
+  known->lost = true;
+}
+
+}  // namespace
+
+int32_t zaiKnownType(const zaiSELECTORTYPES *known, int32_t selector) {
+  if (known->lost) return ZAI_FIRST_UNKNOWN;
+  if (known->capacity == 0) return ZAI_FIRST_NONE;
+  for (uint32_t slot = slotOf(selector, known->capacity);;
+       slot = (slot + 1) & static_cast<uint32_t>(known->capacity - 1)) {
+    const zaiSELECTORTYPES::Entry &entry = known->entries[slot];
+    if (entry.type == 0) return ZAI_FIRST_NONE;
+    if (entry.selector == selector) return entry.type;
+  }
+}
+
+void zaiLearnType(zaiSELECTORTYPES *known, int32_t selector, int32_t type) {
+  if (known->lost) return;
+  // Kept at most half full, so that every probe ends at a free entry.
+  if (2 * (known->used + 1) > known->capacity) {
+    const int32_t capacity = known->capacity == 0 ? kFirstTypeEntries : 2 * known->capacity;
+    using Entry = zaiSELECTORTYPES::Entry;
+    auto *entries =
+        capacity > INT32_MAX / 16
+            ? nullptr
+            : static_cast<Entry *>(calloc(static_cast<size_t>(capacity), sizeof(Entry)));
+    if (!entries) {
+      giveUp(known);
+      return;
+    }
+    for (int32_t i = 0; i < known->capacity; ++i) {
+      const zaiSELECTORTYPES::Entry &old = known->entries[i];
+      if (old.type == 0) continue;
+      uint32_t slot = slotOf(old.selector, capacity);
+      while (entries[slot].type != 0) slot = (slot + 1) & static_cast<uint32_t>(capacity - 1);
+      entries[slot] = old;
+    }
+    free(known->entries);
+    known->entries = entries;
+    known->capacity = capacity;
+  }
+  uint32_t slot = slotOf(selector, known->capacity);
+  while (known->entries[slot].type != 0 && known->entries[slot].selector != selector)
+    slot = (slot + 1) & static_cast<uint32_t>(known->capacity - 1);
+  if (known->entries[slot].type == 0) ++known->used;
+  known->entries[slot] = {selector, type};
+}
+
+void zaiForgetTypes(zaiSELECTORTYPES *known) {
+  free(known->entries);
+  known->entries = nullptr;
+  known->capacity = 0;
+  known->used = 0;
+}

@@ -379,6 +379,23 @@ VXAI_EXPORT void zaiSetString(zaiBAG *bag, int32_t selector, int32_t itemIndex, 
 VXAI_EXPORT void zaiInquireString(zaiBAG *bag, int32_t selector, int32_t itemIndex,
                                   int32_t bufferLength, char *buffer, int32_t *stringLength,
                                   int32_t *codedCharSetId, int32_t *pCompCode, int32_t *pReason);
+}  // extern "C"
+
+// The adds of the message reader, which keeps track of the selectors it has
+// added under: firstType is the type of the selector's first occurrence in
+// the bag as the caller knows it, ZAI_FIRST_NONE when the selector does not
+// occur, or ZAI_FIRST_UNKNOWN to have the add look it up as zaiAddInteger and
+// zaiAddString do.  Frames, checks and outcomes are those of those two.
+constexpr int32_t ZAI_FIRST_UNKNOWN = -1;
+constexpr int32_t ZAI_FIRST_NONE = 0;
+void zaiAddIntegerKnown(zaiBAG *bag, int32_t selector, int32_t value, int32_t firstType,
+                        int32_t *pCompCode, int32_t *pReason);
+void zaiAddStringKnown(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
+                       int32_t codedCharSetId, int32_t firstType, int32_t *pCompCode,
+                       int32_t *pReason);
+
+extern "C" {
+
 // Nests a bag under a selector; from then on the holder owns it.  Only the
 // library nests bags, so this one is not exported.
 void zaiAddBag(zaiBAG *bag, int32_t selector, VXHBAG nestedBag, int32_t *pCompCode,
@@ -588,6 +605,43 @@ VXAI_EXPORT void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32
                                        int32_t *pReason);
 VXAI_EXPORT void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                                           int32_t *pReason);
+
+}  // extern "C"
+
+// What the message reader knows of the bag it fills: the type of the first
+// occurrence of each user selector it has added under.  The bag holds no
+// user item when the read starts, so the reader's own adds are all there is
+// to know, and an add need not look through the bag.  The table lives in the
+// process heap for one read and doubles as it fills; without memory for it,
+// it is given up and the adds look through the bag again: slower, with the
+// same outcome.
+struct zaiSELECTORTYPES {
+  struct Entry {
+    int32_t selector;
+    int32_t type;  // 0: a free entry
+  };
+  Entry *entries;
+  int32_t capacity;  // a power of two, or 0 before the first entry
+  int32_t used;
+  bool lost;  // given up, or the bag held user items: nothing is known
+};
+// ZAI_FIRST_NONE for a selector not added under, ZAI_FIRST_UNKNOWN once lost.
+int32_t zaiKnownType(const zaiSELECTORTYPES *known, int32_t selector);
+void zaiLearnType(zaiSELECTORTYPES *known, int32_t selector, int32_t type);
+void zaiForgetTypes(zaiSELECTORTYPES *known);
+
+// The structure readers as the message reader calls them, with what it
+// knows of the bag (null: nothing, as the exported readers).
+void zaiReadPCFIntParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                            int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFStringParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                               int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFIntListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFStringListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                   int32_t *pCompCode, int32_t *pReason);
+
+extern "C" {
 
 // Writes one line per item of the bag to the trace when bag dumps are on.
 VXAI_EXPORT void zaiTraceBagContents(int32_t component, int32_t function, const zaiBAG *bag);
