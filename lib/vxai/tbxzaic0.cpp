@@ -111,6 +111,17 @@ uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *p
 void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *buffer,
                     int32_t *dataLength, int32_t *msgType, char *format, int32_t *pCompCode,
                     int32_t *pReason) {
+  // A small bag is scanned faster than it is indexed.
+  const bool indexed = bag->listForm && bag->items->count > ZAI_FRAME_FLAGS;
+  zaiBagToPCFMsgIndexed(indexed, bag, command, bufferLength, buffer, dataLength, msgType, format,
+                        pCompCode, pReason);
+}
+
+}  // extern "C"
+
+void zaiBagToPCFMsgIndexed(bool indexed, zaiBAG *bag, int32_t command, int32_t bufferLength,
+                           char *buffer, int32_t *dataLength, int32_t *msgType, char *format,
+                           int32_t *pCompCode, int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiBagToPCFMsg);
   zaiTraceParms(&frame, "pBag:%p, command:%d, bufferLength:%d", static_cast<void *>(bag), command,
                 bufferLength);
@@ -132,22 +143,25 @@ void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *bu
     if (*pCompCode == CC_OK && bag->requiredParmsFirst && pcfType == PCF_TYPE_COMMAND)
       zaiWriteRequiredParmsForCmd(bag, area, pCompCode, pReason);
 
+    zaiBAGINDEX *index = indexed && *pCompCode == CC_OK ? zaiIndexBag(bag, command) : nullptr;
     const bool flagged = bag->listForm || bag->requiredParmsFirst;
-    for (int32_t index = 0; index < bag->items->count && *pCompCode == CC_OK; ++index) {
-      const zaiPROPERTY *item = zaiItemAt(bag, index);
+    for (int32_t at = 0; at < bag->items->count && *pCompCode == CC_OK; ++at) {
+      const zaiPROPERTY *item = zaiItemAt(bag, at);
       if (!item) continue;
       if (item->type == ITEM_TYPE_BAG) {
         zaiFail(pCompCode, pReason, RC_NESTED_BAG_NOT_SUPPORTED);
       } else if (item->selector < 0) {
         // System items travel in the header.
-      } else if (flagged && *zaiWrittenFlag(area, index)) {
+      } else if (flagged && *zaiWrittenFlag(area, at)) {
         // Already written as a leading parameter or as a list member.
       } else if (bag->listForm) {
-        zaiWriteSingleOrListPCFParm(item, area, bag, index, pCompCode, pReason);
+        zaiWriteSingleOrListPCFParmIndexed(item, area, bag, at, index, pCompCode, pReason);
       } else {
         zaiWriteSinglePCFParm(item, area, pCompCode, pReason);
       }
     }
+
+    zaiFreeBagIndex(index);
 
     *dataLength = area->usedLength;
     if (*pCompCode == CC_OK && area->usedLength > bufferLength) {
@@ -161,5 +175,3 @@ void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *bu
   }
   zaiFramePop(&frame, *pReason);
 }
-
-}  // extern "C"

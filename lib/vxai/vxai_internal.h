@@ -572,6 +572,32 @@ VXAI_EXPORT void zaiWritePCFListHeader(const zaiPROPERTY *item, zaiPCFBUFFER *ar
                                        int32_t *pReason);
 VXAI_EXPORT void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area,
                                       int32_t *pCompCode, int32_t *pReason);
+}  // extern "C"
+
+// What one conversion knows of its bag: how often each selector occurs, and
+// which items could join a list.  It answers the questions of the rules
+// without a scan of the bag per item.  Built from the process heap for one
+// conversion; null without memory, and the conversion then scans.
+struct zaiBAGINDEX;
+zaiBAGINDEX *zaiIndexBag(const zaiBAG *bag, int32_t command);
+void zaiFreeBagIndex(zaiBAGINDEX *index);
+
+// zaiWriteSingleOrListPCFParm answered from the index (or, with none, by
+// scanning the bag as the rules are written).  The conversion that owns the
+// index calls it for its items in bag order.
+void zaiWriteSingleOrListPCFParmIndexed(const zaiPROPERTY *item, zaiPCFBUFFER *area, zaiBAG *bag,
+                                        int32_t itemIndex, zaiBAGINDEX *index, int32_t *pCompCode,
+                                        int32_t *pReason);
+
+// zaiBagToPCFMsg with the bag indexed or not as the caller chooses.
+// zaiBagToPCFMsg indexes a bag with list form and more items than the control
+// area in its frame has flags for; tests compare both ways on any bag.
+void zaiBagToPCFMsgIndexed(bool indexed, zaiBAG *bag, int32_t command, int32_t bufferLength,
+                           char *buffer, int32_t *dataLength, int32_t *msgType, char *format,
+                           int32_t *pCompCode, int32_t *pReason);
+
+extern "C" {
+
 // The largest length of the unwritten strings that can join the item's list,
 // from startIndex on; -1 when there is none.
 VXAI_EXPORT int32_t zaiFindLargestString(zaiBAG *bag, zaiPCFBUFFER *area, const zaiPROPERTY *item,
