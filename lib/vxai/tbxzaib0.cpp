@@ -17,7 +17,6 @@ constexpr char kItemEyeCatcher[4] = {'Z', 'A', 'P', 'R'};
 constexpr int32_t kHistorySlots = 48;
 constexpr int32_t kProductId = 1030;
 
-constexpr uint32_t kEntryMarker = 0xF0000000u;
 constexpr uint32_t kTraceOff = 0xFFFFFFFFu;
 constexpr uint32_t kApiTraceOption = 0x1;
 constexpr uint32_t kParmTraceOptions = 0xC0000;
@@ -26,11 +25,6 @@ constexpr int32_t kParmTraceLevel = 2;
 
 svcTHREADANCHOR *threadAnchor() {
   return static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
-}
-
-void recordInHistory(svcTHREADANCHOR *anchor, uint32_t marker) {
-  anchor->history[anchor->historyIndex] = marker;
-  if (++anchor->historyIndex >= anchor->historySize) anchor->historyIndex = 0;
 }
 
 // Decided afresh at entry and at exit of every API call.
@@ -157,30 +151,7 @@ void setFlags(zaiBAG *bag, int32_t options) {
 
 // ----- Call frame ---------------------------------------------------------------
 
-zaiFRAME zaiFramePush(int32_t component, int32_t function) {
-  zaiFRAME frame = {threadAnchor(), static_cast<uint32_t>(component << 10 | function)};
-  if (svcTHREADANCHOR *anchor = frame.anchor) {
-    uint32_t marker = kEntryMarker | frame.identifier;
-    recordInHistory(anchor, marker);
-    if (anchor->callDepth >= 0 && anchor->callDepth < SVC_CALL_STACK_SLOTS)
-      anchor->callStack[anchor->callDepth] = marker;
-    ++anchor->callDepth;
-    if (anchor->traceActive) trcFunctionEntry(anchor);
-  }
-  return frame;
-}
-
-uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason) {
-  uint32_t marker = static_cast<uint32_t>(reason) << 16 | frame->identifier;
-  if (svcTHREADANCHOR *anchor = frame->anchor) {
-    --anchor->callDepth;
-    recordInHistory(anchor, marker);
-    if (anchor->traceActive) trcFunctionExit(anchor, reason);
-  }
-  return marker;
-}
-
-void zaiTraceParms(const zaiFRAME *frame, const char *format, ...) {
+void zaiTraceParmLine(const zaiFRAME *frame, const char *format, ...) {
   if (!parmTraceOn(frame->anchor)) return;
   char line[256];
   va_list arguments;
@@ -214,11 +185,16 @@ void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record
 
 void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
                  const zaiAPIPARM *parms, int32_t parmCount, int32_t *pCompCode, int32_t *pReason) {
+  // One look-up of the thread's anchor serves the whole call, unless the
+  // thread is set up only now.
   svcTHREADANCHOR *anchor = threadAnchor();
-  if (!anchor || !anchor->initialised) svcInitialize(kHistorySlots, kProductId, 0, 0, 0);
+  if (!anchor || !anchor->initialised) {
+    svcInitialize(kHistorySlots, kProductId, 0, 0, 0);
+    anchor = threadAnchor();
+  }
   call->actionsSaved = 0;
   sigSaveActions(&call->actionsSaved);
-  call->frame = zaiFramePush(ZAI_COMPONENT, function);
+  call->frame = zaiFramePush(anchor, ZAI_COMPONENT, function);
   call->exportedName = exportedName;
   call->parms = parms;
   call->parmCount = parmCount;
@@ -612,7 +588,15 @@ extern "C" {
 
 void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
                       int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCheckSelector);
+  const zaiFRAME caller = {threadAnchor(), 0};
+  zaiCheckSelectorUnder(&caller, bag, selector, type, pCompCode, pReason);
+}
+
+}  // extern "C"
+
+void zaiCheckSelectorUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t selector, int32_t type,
+                           int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(caller->anchor, ZAI_COMPONENT, ZAIFN_zaiCheckSelector);
   zaiTraceParms(&frame, "pBag:%p, selector:%d, type: %d", static_cast<void *>(bag), selector, type);
   *pCompCode = CC_OK;
   *pReason = RC_NONE;
@@ -625,6 +609,8 @@ void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCom
   }
   zaiFramePop(&frame, *pReason);
 }
+
+extern "C" {
 
 void zaiCheckUniqueSelector(zaiBAG *bag, int32_t selector, int32_t *pCompCode, int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCheckUniqueSelector);
@@ -723,7 +709,7 @@ uint32_t zaiVXAddInteger(VXHBAG Bag, int32_t Selector, int32_t ItemValue, int32_
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiAddInteger(bag, Selector, ItemValue, cc, rc);
   return zaiApiEnd(&call);
 }
@@ -740,7 +726,7 @@ uint32_t zaiVXSetInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS)  // the options are fixed at creation
     zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiSetInteger(bag, Selector, ItemIndex, ItemValue, cc, rc);
   return zaiApiEnd(&call);
 }
@@ -756,7 +742,7 @@ uint32_t zaiVXInquireInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, in
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
   if (*cc == CC_OK) {
@@ -833,7 +819,7 @@ uint32_t zaiVXAddString(VXHBAG Bag, int32_t Selector, int32_t BufferLength, cons
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
   // Written after the checks: it shows the buffer over its resolved length.
@@ -863,7 +849,7 @@ uint32_t zaiVXSetString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS) zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
   // System selectors pass here and fail on the integer item they name.
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   int32_t resolvedLength;
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
@@ -899,7 +885,7 @@ uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int
     zaiFail(cc, rc, RC_CCSID_ERROR);
   if (*cc == CC_OK && BufferLength < 0) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK)
     zaiInquireString(bag, Selector, ItemIndex, BufferLength, pBuffer, pStringLength,
                      pCodedCharSetId, cc, rc);
@@ -1024,7 +1010,7 @@ uint32_t zaiVXInquireBag(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, VXHBAG
   if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_BAG, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_BAG, cc, rc);
   if (*cc == CC_OK) {
     VXHBAG nested;
     zaiInquireBag(bag, Selector, ItemIndex, &nested, cc, rc);

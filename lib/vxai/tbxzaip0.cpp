@@ -365,12 +365,12 @@ void writeIndexedMembers(const zaiPROPERTY *item, zaiPCFBUFFER *area, int32_t it
 bool isMultipleOf4(int32_t length) { return (length & 3) == 0; }
 
 // The parameter identifier must name an item of the structure's type.
-void checkParameter(zaiBAG *bag, int32_t parameter, int32_t itemType, int32_t *pCompCode,
-                    int32_t *pReason) {
+void checkParameter(const zaiFRAME *frame, zaiBAG *bag, int32_t parameter, int32_t itemType,
+                    int32_t *pCompCode, int32_t *pReason) {
   if (parameter < 0)
     zaiFail(pCompCode, pReason, RC_SELECTOR_OUT_OF_RANGE);
   else
-    zaiCheckSelector(bag, parameter, itemType, pCompCode, pReason);
+    zaiCheckSelectorUnder(frame, bag, parameter, itemType, pCompCode, pReason);
 }
 
 // Adds the values of one structure, all under its identifier, and keeps
@@ -421,7 +421,7 @@ void readStructure(int32_t function, int32_t tracedLength, int32_t itemType, con
   if (!wellFormed(record))
     zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
   else
-    checkParameter(bag, record.parameter, itemType, pCompCode, pReason);
+    checkParameter(&frame, bag, record.parameter, itemType, pCompCode, pReason);
   if (*pCompCode == CC_OK) {
     Adder add(known, record.parameter, itemType, pCompCode);
     addItems(record, structure + sizeof record, add);

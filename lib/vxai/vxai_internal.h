@@ -170,13 +170,58 @@ struct zaiFRAME {
   uint32_t identifier;
 };
 
-// Records the entry marker in the trace history and call stack.
-zaiFRAME zaiFramePush(int32_t component, int32_t function);
+constexpr uint32_t ZAI_ENTRY_MARKER = 0xF0000000u;
+
+inline void zaiRecordInHistory(svcTHREADANCHOR *anchor, uint32_t marker) {
+  anchor->history[anchor->historyIndex] = marker;
+  if (++anchor->historyIndex >= anchor->historySize) anchor->historyIndex = 0;
+}
+
+// Records the entry marker in the trace history and call stack of the
+// thread whose anchor is given (none: nothing is recorded).  Every function
+// pushes a frame on entry and pops it on exit, so both are inline: a frame
+// costs a few stores when trace is off.
+inline zaiFRAME zaiFramePush(svcTHREADANCHOR *anchor, int32_t component, int32_t function) {
+  zaiFRAME frame = {anchor, static_cast<uint32_t>(component << 10 | function)};
+  if (anchor) {
+    const uint32_t marker = ZAI_ENTRY_MARKER | frame.identifier;
+    zaiRecordInHistory(anchor, marker);
+    if (anchor->callDepth >= 0 && anchor->callDepth < SVC_CALL_STACK_SLOTS)
+      anchor->callStack[anchor->callDepth] = marker;
+    ++anchor->callDepth;
+    if (anchor->traceActive) trcFunctionEntry(anchor);
+  }
+  return frame;
+}
+
+// The same for the calling thread, whose anchor is looked up.
+inline zaiFRAME zaiFramePush(int32_t component, int32_t function) {
+  return zaiFramePush(static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey)),
+                      component, function);
+}
+
 // Records the exit marker (reason << 16 | identifier) and returns it.
-uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason);
+inline uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason) {
+  const uint32_t marker = static_cast<uint32_t>(reason) << 16 | frame->identifier;
+  if (svcTHREADANCHOR *anchor = frame->anchor) {
+    --anchor->callDepth;
+    zaiRecordInHistory(anchor, marker);
+    if (anchor->traceActive) trcFunctionExit(anchor, reason);
+  }
+  return marker;
+}
+
 // Writes an internal function's parameter line when parameter trace is on.
-void zaiTraceParms(const zaiFRAME *frame, const char *format, ...)
+// Parameter lines need the thread's trace to be active: without it the
+// arguments are not even formatted.
+void zaiTraceParmLine(const zaiFRAME *frame, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
+#define zaiTraceParms(frame, ...)                                      \
+  do {                                                                 \
+    const zaiFRAME *zaiTracedFrame = (frame);                          \
+    if (zaiTracedFrame->anchor && zaiTracedFrame->anchor->traceActive) \
+      zaiTraceParmLine(zaiTracedFrame, __VA_ARGS__);                   \
+  } while (0)
 // A labelled record at detail level, when parameter trace is on.
 void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length);
 // Bag dumps: whether the process asks for them, and the tag their lines are
@@ -322,6 +367,12 @@ VXAI_EXPORT void zaiFreeItem(zaiBAG *bag, int32_t vectorIndex, int32_t *pCompCod
 
 VXAI_EXPORT void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
                                   int32_t *pReason);
+}  // extern "C"
+// zaiCheckSelector called by a function that has its frame at hand: the
+// check's own frame goes on the same thread anchor without looking it up.
+void zaiCheckSelectorUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t selector, int32_t type,
+                           int32_t *pCompCode, int32_t *pReason);
+extern "C" {
 VXAI_EXPORT void zaiCheckUniqueSelector(zaiBAG *bag, int32_t selector, int32_t *pCompCode,
                                         int32_t *pReason);
 // The item found, or null; its vector index in *foundIndex.
