@@ -53,16 +53,18 @@ extern "C" {
 
 uint32_t zaiVXBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLength, void *pBuffer,
                           int32_t *pDataLength, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("OptionsBag", &OptionsBag),
-      zaiParmIn("DataBag", &DataBag),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
-      {"Datalength", "DataLength", ZAI_PARM_OUT, pDataLength, nullptr},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("OptionsBag", &OptionsBag),
+        zaiParmIn("DataBag", &DataBag),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
+        {"Datalength", "DataLength", ZAI_PARM_OUT, pDataLength, nullptr},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXBagToBuffer, "vxBagToBuffer", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXBagToBuffer, "vxBagToBuffer", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   // These calls have no options yet: only "no options bag" is accepted.
   if (OptionsBag != BAG_NONE) zaiFail(cc, rc, RC_OPTIONS_ERROR);
@@ -83,20 +85,22 @@ uint32_t zaiVXBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLengt
     zaiBagToPCFMsg(bag, command, BufferLength, static_cast<char *>(pBuffer), pDataLength, &msgType,
                    format, cc, rc);
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *pBuffer,
                           VXHBAG DataBag, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("OptionsBag", &OptionsBag),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
-      zaiParmIn("DataBag", &DataBag),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("OptionsBag", &OptionsBag),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
+        zaiParmIn("DataBag", &DataBag),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXBufferToBag, "vxBufferToBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXBufferToBag, "vxBufferToBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   if (OptionsBag != BAG_NONE) zaiFail(cc, rc, RC_OPTIONS_ERROR);
   if (*cc == CC_OK && BufferLength < 0) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
@@ -105,7 +109,7 @@ uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *p
     zaiFail(cc, rc, RC_BUFFER_ERROR);
   zaiBAG *bag = *cc == CC_OK ? zaiAlterableBag(DataBag, cc, rc) : nullptr;
   if (*cc == CC_OK) zaiPCFMsgToBag(BufferLength, static_cast<const char *>(pBuffer), bag, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *buffer,

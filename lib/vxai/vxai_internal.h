@@ -12,6 +12,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <array>
+
 #include "svc.h"
 #include "vxai.h"
 
@@ -280,15 +282,64 @@ struct zaiAPICALL {
 // set-up, signal actions, entry marker, codes cleared), entry trace, the
 // call's own checks and internal call, end (exit trace, signal actions, exit
 // marker, which it returns).
-void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
-                 const zaiAPIPARM *parms, int32_t parmCount, int32_t *pCompCode, int32_t *pReason);
-void zaiApiTraceEntry(const zaiAPICALL *call);
-uint32_t zaiApiEnd(zaiAPICALL *call);
+// They run in every call, so the steps are inline and only the trace lines
+// are not.
+void zaiApiSetUpThread();
+void zaiApiTraceEntryLines(const zaiAPICALL *call);
+void zaiApiTraceExitLines(const zaiAPICALL *call);
 
-template <int32_t N>
+// Decided afresh at entry and at exit of every API call.
+inline bool zaiApiTraceOn() {
+  return (processAnchor.traceLevel != 0xFFFFFFFFu && (processAnchor.traceOptions & 0x1) != 0) ||
+         processAnchor.earlyTrace != 0;
+}
+
+// The parameters are described only when the trace shows them: `parms`
+// returns the array of their descriptions.
 inline void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
-                        const zaiAPIPARM (&parms)[N], int32_t *pCompCode, int32_t *pReason) {
-  zaiApiBegin(call, function, exportedName, parms, N, pCompCode, pReason);
+                        int32_t *pCompCode, int32_t *pReason) {
+  // One look-up of the thread's anchor serves the whole call, unless the
+  // thread is set up only now.
+  auto *anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+  if (!anchor || !anchor->initialised) {
+    zaiApiSetUpThread();
+    anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+  }
+  call->actionsSaved = 0;
+  sigSaveActions(&call->actionsSaved);
+  call->frame = zaiFramePush(anchor, ZAI_COMPONENT, function);
+  call->exportedName = exportedName;
+  call->parms = nullptr;
+  call->parmCount = 0;
+  // A caller without a completion or reason variable still gets a call
+  // that runs to its end; it just cannot learn the outcome.
+  call->pCompCode = pCompCode ? pCompCode : &call->ownCompCode;
+  call->pReason = pReason ? pReason : &call->ownReason;
+  *call->pCompCode = CC_OK;
+  *call->pReason = RC_NONE;
+}
+
+template <typename Parms>
+inline void zaiApiTraceEntry(zaiAPICALL *call, const Parms &parms) {
+  if (!zaiApiTraceOn()) return;
+  const auto described = parms();
+  call->parms = described.data();
+  call->parmCount = static_cast<int32_t>(described.size());
+  zaiApiTraceEntryLines(call);
+  call->parms = nullptr;
+}
+
+template <typename Parms>
+inline uint32_t zaiApiEnd(zaiAPICALL *call, const Parms &parms) {
+  if (zaiApiTraceOn()) {
+    const auto described = parms();
+    call->parms = described.data();
+    call->parmCount = static_cast<int32_t>(described.size());
+    zaiApiTraceExitLines(call);
+    call->parms = nullptr;
+  }
+  if (call->actionsSaved) sigRestoreActions(&call->actionsSaved);
+  return zaiFramePop(&call->frame, *call->pReason);
 }
 
 // Selector classes.
