@@ -420,6 +420,48 @@ bool measure(const char *kind, VXHBAG (*makeBag)(int), int items, Row &row) {
   return failures == 0;
 }
 
+struct Kind {
+  const char *kind;
+  VXHBAG (*makeBag)(int);
+};
+constexpr Kind kKinds[] = {{"admin", requestBag}, {"distinct", distinctBag}, {"names", namesBag}};
+
+// "--calls KIND ITEMS N": N untimed calls of each of the four conversions on
+// one bag, for counting instructions with a profiler (valgrind --tool=
+// callgrind --toggle-collect=zaiVXBagToBuffer, and so on).  Two runs with
+// different N give the cost of one call, set-up left out.
+int countCalls(const char *kindName, int items, long calls) {
+  for (const Kind &kind : kKinds) {
+    if (std::strcmp(kind.kind, kindName) != 0) continue;
+    int32_t cc, rc, length = 0, options = 0;
+    VXHBAG bag = kind.makeBag(items), readBag = BAG_NONE;
+    if (bag == BAG_NONE) return 1;
+    vxInquireInteger(bag, SEL_BAG_OPTIONS, 0, &options, &cc, &rc);
+    vxCreateBag(options & 0x1F, &readBag, &cc, &rc);
+    vxBagToBuffer(BAG_NONE, bag, 0, nullptr, &length, &cc, &rc);
+    std::vector<char> message(length), plain(length);
+    vxBagToBuffer(BAG_NONE, bag, length, message.data(), &length, &cc, &rc);
+    PCFHeader header;
+    std::memcpy(&header, message.data(), sizeof header);
+    const std::vector<PlainParameter> parameters = parametersOf(message.data());
+    std::vector<PlainItem> decoded;
+    decoded.reserve(static_cast<size_t>(items));
+    for (long i = 0; i < calls; ++i) {
+      vxBagToBuffer(BAG_NONE, bag, length, message.data(), &length, &cc, &rc);
+      vxBufferToBag(BAG_NONE, length, message.data(), readBag, &cc, &rc);
+      plainEncode(header, parameters, plain.data());
+      releasePlain(decoded);
+      plainDecode(message.data(), decoded);
+    }
+    releasePlain(decoded);
+    vxDeleteBag(&bag, &cc, &rc);
+    vxDeleteBag(&readBag, &cc, &rc);
+    return cc == CC_OK ? 0 : 1;
+  }
+  std::fprintf(stderr, "no bag of kind %s\n", kindName);
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -427,12 +469,11 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "trace is switched on: unset the VXSVC_TRACE variables first\n");
     return 1;
   }
+  if (argc == 5 && std::strcmp(argv[1], "--calls") == 0)
+    return countCalls(argv[2], std::atoi(argv[3]), std::atol(argv[4]));
   // An optional argument limits the run to one kind of bag.
   const char *only = argc > 1 ? argv[1] : nullptr;
-  const struct {
-    const char *kind;
-    VXHBAG (*makeBag)(int);
-  } kinds[] = {{"admin", requestBag}, {"distinct", distinctBag}, {"names", namesBag}};
+  const auto &kinds = kKinds;
   std::printf("write = vxBagToBuffer, read = vxBufferToBag, enc/dec = plain encoder/decoder\n");
   std::printf("best of %d runs of ~%.1f s each; ns/i = nanoseconds per item\n\n", kRuns,
               kTargetSeconds);
