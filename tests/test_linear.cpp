@@ -295,7 +295,8 @@ TEST_F(Linear, ReaderIntoABagThatKeptUserItemsLooksThemUp) {
 
 // The message that once took many seconds: two lists of empty strings, the
 // second claiming 1.5 million strings, read into a bag with list form and
-// reordering under the block limit of the fuzz target, then written.
+// reordering under a block limit of 1 MiB (twenty thousand items), then
+// written.
 TEST_F(Linear, TwoLongListsOfEmptyStringsAreReadAndWrittenQuickly) {
   std::ifstream file(VX_FUZZ_CORPUS "/two_empty_string_lists", std::ios::binary);
   const std::vector<char> input{std::istreambuf_iterator<char>(file), {}};
