@@ -651,7 +651,15 @@ zaiPROPERTY *zaiFindSelector(zaiBAG *bag, int32_t startIndex, int32_t selector, 
 }
 
 int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCountItems);
+  const zaiFRAME caller = {threadAnchor(), 0};
+  return zaiCountItemsUnder(&caller, bag, startIndex, selector);
+}
+
+}  // extern "C"
+
+int32_t zaiCountItemsUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t startIndex,
+                           int32_t selector) {
+  zaiFRAME frame = zaiFramePush(caller->anchor, ZAI_COMPONENT, ZAIFN_zaiCountItems);
   zaiTraceParms(&frame, "pBag:%p, startIndex:%d, selector:%d", static_cast<void *>(bag), startIndex,
                 selector);
   const zaiVECTOR *items = bag->items;
@@ -667,6 +675,8 @@ int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector) {
   zaiFramePop(&frame, RC_NONE);
   return count;
 }
+
+extern "C" {
 
 // ----- Integer items ------------------------------------------------------------------
 
@@ -1051,7 +1061,7 @@ uint32_t zaiVXCountItems(VXHBAG Bag, int32_t Selector, int32_t *pItemCount, int3
   if (*cc == CC_OK && svcCheckPointer(pItemCount, sizeof *pItemCount, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
   if (*cc == CC_OK) checkAnySelector(bag, Selector, cc, rc);
-  if (*cc == CC_OK) *pItemCount = zaiCountItems(bag, 0, Selector);
+  if (*cc == CC_OK) *pItemCount = zaiCountItemsUnder(&call.frame, bag, 0, Selector);
   return zaiApiEnd(&call, parms);
 }
 

@@ -431,6 +431,12 @@ VXAI_EXPORT zaiPROPERTY *zaiFindSelector(zaiBAG *bag, int32_t startIndex, int32_
                                          int32_t itemIndex, int32_t *foundIndex, int32_t *pCompCode,
                                          int32_t *pReason);
 VXAI_EXPORT int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector);
+}  // extern "C"
+// zaiCountItems called by a function that has its frame at hand, as
+// vxCountItems does: one look-up of the thread's anchor serves the call.
+int32_t zaiCountItemsUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t startIndex,
+                           int32_t selector);
+extern "C" {
 
 // ---------------------------------------------------------------------------
 // Items
