@@ -17,27 +17,13 @@ constexpr char kItemEyeCatcher[4] = {'Z', 'A', 'P', 'R'};
 constexpr int32_t kHistorySlots = 48;
 constexpr int32_t kProductId = 1030;
 
-constexpr uint32_t kEntryMarker = 0xF0000000u;
 constexpr uint32_t kTraceOff = 0xFFFFFFFFu;
-constexpr uint32_t kApiTraceOption = 0x1;
 constexpr uint32_t kParmTraceOptions = 0xC0000;
 constexpr uint32_t kBagDumpOptions = 0x20 | 0x400 | 0x80000;  // all three together
 constexpr int32_t kParmTraceLevel = 2;
 
 svcTHREADANCHOR *threadAnchor() {
   return static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
-}
-
-void recordInHistory(svcTHREADANCHOR *anchor, uint32_t marker) {
-  anchor->history[anchor->historyIndex] = marker;
-  if (++anchor->historyIndex >= anchor->historySize) anchor->historyIndex = 0;
-}
-
-// Decided afresh at entry and at exit of every API call.
-bool apiTraceOn() {
-  return (processAnchor.traceLevel != kTraceOff &&
-          (processAnchor.traceOptions & kApiTraceOption) != 0) ||
-         processAnchor.earlyTrace != 0;
 }
 
 bool parmTraceOn(const svcTHREADANCHOR *anchor) {
@@ -158,30 +144,7 @@ void setFlags(zaiBAG *bag, int32_t options) {
 
 // ----- Call frame ---------------------------------------------------------------
 
-zaiFRAME zaiFramePush(int32_t component, int32_t function) {
-  zaiFRAME frame = {threadAnchor(), static_cast<uint32_t>(component << 10 | function)};
-  if (svcTHREADANCHOR *anchor = frame.anchor) {
-    uint32_t marker = kEntryMarker | frame.identifier;
-    recordInHistory(anchor, marker);
-    if (anchor->callDepth >= 0 && anchor->callDepth < SVC_CALL_STACK_SLOTS)
-      anchor->callStack[anchor->callDepth] = marker;
-    ++anchor->callDepth;
-    if (anchor->traceActive) trcFunctionEntry(anchor);
-  }
-  return frame;
-}
-
-uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason) {
-  uint32_t marker = static_cast<uint32_t>(reason) << 16 | frame->identifier;
-  if (svcTHREADANCHOR *anchor = frame->anchor) {
-    --anchor->callDepth;
-    recordInHistory(anchor, marker);
-    if (anchor->traceActive) trcFunctionExit(anchor, reason);
-  }
-  return marker;
-}
-
-void zaiTraceParms(const zaiFRAME *frame, const char *format, ...) {
+void zaiTraceParmLine(const zaiFRAME *frame, const char *format, ...) {
   if (!parmTraceOn(frame->anchor)) return;
   char line[256];
   va_list arguments;
@@ -215,26 +178,9 @@ void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record
                 static_cast<int32_t>(frame->identifier & 0x3FF), kParmTraceLevel, record, length);
 }
 
-void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
-                 const zaiAPIPARM *parms, int32_t parmCount, int32_t *pCompCode, int32_t *pReason) {
-  svcTHREADANCHOR *anchor = threadAnchor();
-  if (!anchor || !anchor->initialised) svcInitialize(kHistorySlots, kProductId, 0, 0, 0);
-  call->actionsSaved = 0;
-  sigSaveActions(&call->actionsSaved);
-  call->frame = zaiFramePush(ZAI_COMPONENT, function);
-  call->exportedName = exportedName;
-  call->parms = parms;
-  call->parmCount = parmCount;
-  // A caller without a completion or reason variable still gets a call
-  // that runs to its end; it just cannot learn the outcome.
-  call->pCompCode = pCompCode ? pCompCode : &call->ownCompCode;
-  call->pReason = pReason ? pReason : &call->ownReason;
-  *call->pCompCode = CC_OK;
-  *call->pReason = RC_NONE;
-}
+void zaiApiSetUpThread() { svcInitialize(kHistorySlots, kProductId, 0, 0, 0); }
 
-void zaiApiTraceEntry(const zaiAPICALL *call) {
-  if (!apiTraceOn()) return;
+void zaiApiTraceEntryLines(const zaiAPICALL *call) {
   ApiTracer trace = tracerOf(call);
   trace.header(call->exportedName, ">>");
   for (int32_t i = 0; i < call->parmCount; ++i) {
@@ -269,8 +215,8 @@ void zaiApiTraceEntry(const zaiAPICALL *call) {
   trace.fixed("Reason", "Output Parm");
 }
 
-uint32_t zaiApiEnd(zaiAPICALL *call) {
-  if (apiTraceOn()) {
+void zaiApiTraceExitLines(const zaiAPICALL *call) {
+  {
     ApiTracer trace = tracerOf(call);
     trace.header(call->exportedName, "<<");
     for (int32_t i = 0; i < call->parmCount; ++i) {
@@ -302,8 +248,6 @@ uint32_t zaiApiEnd(zaiAPICALL *call) {
     trace.variable("Compcode", call->pCompCode);
     trace.variable("Reason", call->pReason);
   }
-  if (call->actionsSaved) sigRestoreActions(&call->actionsSaved);
-  return zaiFramePop(&call->frame, *call->pReason);
 }
 
 // ----- Shared checks and reports --------------------------------------------------
@@ -363,10 +307,12 @@ extern "C" {
 // ----- Bags -------------------------------------------------------------------------
 
 uint32_t zaiVXCreateBag(int32_t Options, VXHBAG *pBag, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Options", &Options), zaiParmOut("Bag", pBag)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Options", &Options), zaiParmOut("Bag", pBag)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXCreateBag, "vxCreateBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXCreateBag, "vxCreateBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   if (Options & ~(BAG_OPT_ADMIN_BAG | BAG_OPT_LIST_FORM_ALLOWED | BAG_OPT_REQUIRED_PARMS_FIRST |
                   BAG_OPT_CHECK_SELECTORS | BAG_OPT_COMMAND_BAG))
@@ -380,14 +326,16 @@ uint32_t zaiVXCreateBag(int32_t Options, VXHBAG *pBag, int32_t *pCompCode, int32
     zaiCreateBag(Options, &bag, cc, rc);
     if (*cc == CC_OK) *pBag = zaiHandleOf(bag);
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXDeleteBag(VXHBAG *pBag, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {{"Bag", "Bag", ZAI_PARM_INOUT, pBag, nullptr}};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({{"Bag", "Bag", ZAI_PARM_INOUT, pBag, nullptr}});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXDeleteBag, "vxDeleteBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXDeleteBag, "vxDeleteBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = nullptr;
   // The handle variable is read and then set to -1: it must be both.
@@ -401,7 +349,7 @@ uint32_t zaiVXDeleteBag(VXHBAG *pBag, int32_t *pCompCode, int32_t *pReason) {
     zaiDeleteBag(&bag, cc, rc);
     *pBag = -1;
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiCreateBag(int32_t options, zaiBAG **ppBag, int32_t *pCompCode, int32_t *pReason) {
@@ -551,16 +499,23 @@ void appendItem(zaiBAG *bag, const zaiPROPERTY *item, int32_t *pCompCode, int32_
 }
 
 // The first occurrence decides the type of a selector: an add looks for it,
-// and a selector not yet present is no failure.
-void checkTypeForAdd(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
-                     int32_t *pReason) {
-  int32_t found;
-  zaiPROPERTY *first = zaiFindSelector(bag, 0, selector, 0, &found, pCompCode, pReason);
-  if (*pCompCode != CC_OK) {
-    if (*pReason == RC_SELECTOR_NOT_PRESENT) *pCompCode = *pReason = 0;
-  } else if (first->type != type) {
-    zaiFail(pCompCode, pReason, RC_INCONSISTENT_ITEM_TYPE);
+// unless its caller already knows that type, and a selector not yet present
+// is no failure.
+void checkTypeForAdd(zaiBAG *bag, int32_t selector, int32_t type, int32_t firstType,
+                     int32_t *pCompCode, int32_t *pReason) {
+  *pCompCode = CC_OK;
+  *pReason = RC_NONE;
+  if (firstType == ZAI_FIRST_UNKNOWN) {
+    int32_t found;
+    zaiPROPERTY *first = zaiFindSelector(bag, 0, selector, 0, &found, pCompCode, pReason);
+    if (*pCompCode != CC_OK) {
+      if (*pReason == RC_SELECTOR_NOT_PRESENT) *pCompCode = *pReason = 0;
+      return;
+    }
+    firstType = first->type;
   }
+  if (firstType != ZAI_FIRST_NONE && firstType != type)
+    zaiFail(pCompCode, pReason, RC_INCONSISTENT_ITEM_TYPE);
 }
 
 // Looks an item up for a set or an inquiry and demands its type.
@@ -621,7 +576,15 @@ extern "C" {
 
 void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
                       int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCheckSelector);
+  const zaiFRAME caller = {threadAnchor(), 0};
+  zaiCheckSelectorUnder(&caller, bag, selector, type, pCompCode, pReason);
+}
+
+}  // extern "C"
+
+void zaiCheckSelectorUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t selector, int32_t type,
+                           int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(caller->anchor, ZAI_COMPONENT, ZAIFN_zaiCheckSelector);
   zaiTraceParms(&frame, "pBag:%p, selector:%d, type: %d", static_cast<void *>(bag), selector, type);
   *pCompCode = CC_OK;
   *pReason = RC_NONE;
@@ -634,6 +597,8 @@ void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCom
   }
   zaiFramePop(&frame, *pReason);
 }
+
+extern "C" {
 
 void zaiCheckUniqueSelector(zaiBAG *bag, int32_t selector, int32_t *pCompCode, int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCheckUniqueSelector);
@@ -702,7 +667,15 @@ zaiPROPERTY *zaiFindSelector(zaiBAG *bag, int32_t startIndex, int32_t selector, 
 }
 
 int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiCountItems);
+  const zaiFRAME caller = {threadAnchor(), 0};
+  return zaiCountItemsUnder(&caller, bag, startIndex, selector);
+}
+
+}  // extern "C"
+
+int32_t zaiCountItemsUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t startIndex,
+                           int32_t selector) {
+  zaiFRAME frame = zaiFramePush(caller->anchor, ZAI_COMPONENT, ZAIFN_zaiCountItems);
   zaiTraceParms(&frame, "pBag:%p, startIndex:%d, selector:%d", static_cast<void *>(bag), startIndex,
                 selector);
   const zaiVECTOR *items = bag->items;
@@ -719,53 +692,61 @@ int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector) {
   return count;
 }
 
+extern "C" {
+
 // ----- Integer items ------------------------------------------------------------------
 
 uint32_t zaiVXAddInteger(VXHBAG Bag, int32_t Selector, int32_t ItemValue, int32_t *pCompCode,
                          int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmIn("ItemValue", &ItemValue)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemValue", &ItemValue)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXAddInteger, "vxAddInteger", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXAddInteger, "vxAddInteger", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiAddInteger(bag, Selector, ItemValue, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXSetInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t ItemValue,
                          int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmIn("ItemIndex", &ItemIndex),
-                              zaiParmIn("ItemValue", &ItemValue)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemIndex", &ItemIndex),
+                                      zaiParmIn("ItemValue", &ItemValue)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXSetInteger, "vxSetInteger", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXSetInteger, "vxSetInteger", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS)  // the options are fixed at creation
     zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK) zaiSetInteger(bag, Selector, ItemIndex, ItemValue, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXInquireInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t *pItemValue,
                              int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmIn("ItemIndex", &ItemIndex),
-                              zaiParmOut("ItemValue", pItemValue)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemIndex", &ItemIndex),
+                                      zaiParmOut("ItemValue", pItemValue)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXInquireInteger, "vxInquireInteger", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXInquireInteger, "vxInquireInteger", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_INTEGER, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
   if (*cc == CC_OK) {
@@ -773,14 +754,16 @@ uint32_t zaiVXInquireInteger(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, in
     zaiInquireInteger(bag, Selector, ItemIndex, &value, cc, rc);
     if (*cc == CC_OK) *pItemValue = value;
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXAddInquiry(VXHBAG Bag, int32_t Selector, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXAddInquiry, "vxAddInquiry", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXAddInquiry, "vxAddInquiry", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && !bag->adminBag)  // only administration commands inquire
@@ -790,19 +773,12 @@ uint32_t zaiVXAddInquiry(VXHBAG Bag, int32_t Selector, int32_t *pCompCode, int32
   if (*cc == CC_OK && bag->checkSelectors && (Selector < 1 || Selector > kLastInquirySelector))
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
   if (*cc == CC_OK) zaiAddInteger(bag, SEL_INQUIRY_ITEM, Selector, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiAddInteger(zaiBAG *bag, int32_t selector, int32_t value, int32_t *pCompCode,
                    int32_t *pReason) {
-  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddInteger);
-  zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_INTEGER, pCompCode, pReason);
-  if (*pCompCode == CC_OK) {
-    const zaiPROPERTY item = integerItem(selector, value);
-    appendItem(bag, &item, pCompCode, pReason);
-  }
-  zaiFramePop(&frame, *pReason);
+  zaiAddIntegerKnown(bag, selector, value, ZAI_FIRST_UNKNOWN, pCompCode, pReason);
 }
 
 void zaiSetInteger(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t value,
@@ -837,71 +813,77 @@ void zaiInquireInteger(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t
 uint32_t zaiVXAddString(VXHBAG Bag, int32_t Selector, int32_t BufferLength, const char *pBuffer,
                         int32_t *pCompCode, int32_t *pReason) {
   int32_t resolvedLength = 0;
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Bag", &Bag),
-      zaiParmIn("Selector", &Selector),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &resolvedLength},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("Bag", &Bag),
+        zaiParmIn("Selector", &Selector),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &resolvedLength},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXAddString, "vxAddString", parms, pCompCode, pReason);
+  zaiApiBegin(&call, ZAIFN_zaiVXAddString, "vxAddString", pCompCode, pReason);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector < 0)  // system items are never added
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
   // Written after the checks: it shows the buffer over its resolved length.
-  zaiApiTraceEntry(&call);
+  zaiApiTraceEntry(&call, parms);
   if (*cc == CC_OK) {
     int32_t codedCharSetId = bagCodedCharSetId(bag, cc, rc);
     if (*cc == CC_OK) zaiAddString(bag, Selector, resolvedLength, pBuffer, codedCharSetId, cc, rc);
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXSetString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t BufferLength,
                         const char *pBuffer, int32_t *pCompCode, int32_t *pReason) {
   // The bytes to be set are never shown: the trace names no buffer.
   const int32_t hiddenLength = 0;
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Bag", &Bag),
-      zaiParmIn("Selector", &Selector),
-      zaiParmIn("ItemIndex", &ItemIndex),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, nullptr, &hiddenLength},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("Bag", &Bag),
+        zaiParmIn("Selector", &Selector),
+        zaiParmIn("ItemIndex", &ItemIndex),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, nullptr, &hiddenLength},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXSetString, "vxSetString", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXSetString, "vxSetString", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && Selector == SEL_BAG_OPTIONS) zaiFail(cc, rc, RC_SELECTOR_SET_NOT_ALLOWED);
   // System selectors pass here and fail on the integer item they name.
-  if (*cc == CC_OK) zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+  if (*cc == CC_OK) zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK && BufferLength < -1) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   int32_t resolvedLength;
   checkStringBuffer(pBuffer, BufferLength, &resolvedLength, cc, rc);
   if (*cc == CC_OK) zaiSetString(bag, Selector, ItemIndex, resolvedLength, pBuffer, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t BufferLength,
                             char *pBuffer, int32_t *pStringLength, int32_t *pCodedCharSetId,
                             int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Bag", &Bag),
-      zaiParmIn("Selector", &Selector),
-      zaiParmIn("ItemIndex", &ItemIndex),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
-      {"StringLength", "Stringlength", ZAI_PARM_OUT, pStringLength, nullptr},
-      zaiParmOut("CodedCharSetId", pCodedCharSetId),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("Bag", &Bag),
+        zaiParmIn("Selector", &Selector),
+        zaiParmIn("ItemIndex", &ItemIndex),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
+        {"StringLength", "Stringlength", ZAI_PARM_OUT, pStringLength, nullptr},
+        zaiParmOut("CodedCharSetId", pCodedCharSetId),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXInquireString, "vxInquireString", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXInquireString, "vxInquireString", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   // Without a buffer only the length (and character set) can be had.
@@ -915,18 +897,39 @@ uint32_t zaiVXInquireString(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int
     zaiFail(cc, rc, RC_CCSID_ERROR);
   if (*cc == CC_OK && BufferLength < 0) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_STRING, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_STRING, cc, rc);
   if (*cc == CC_OK)
     zaiInquireString(bag, Selector, ItemIndex, BufferLength, pBuffer, pStringLength,
                      pCodedCharSetId, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiAddString(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
                   int32_t codedCharSetId, int32_t *pCompCode, int32_t *pReason) {
+  zaiAddStringKnown(bag, selector, length, bytes, codedCharSetId, ZAI_FIRST_UNKNOWN, pCompCode,
+                    pReason);
+}
+
+}  // extern "C"
+
+void zaiAddIntegerKnown(zaiBAG *bag, int32_t selector, int32_t value, int32_t firstType,
+                        int32_t *pCompCode, int32_t *pReason) {
+  zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddInteger);
+  zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_INTEGER, firstType, pCompCode, pReason);
+  if (*pCompCode == CC_OK) {
+    const zaiPROPERTY item = integerItem(selector, value);
+    appendItem(bag, &item, pCompCode, pReason);
+  }
+  zaiFramePop(&frame, *pReason);
+}
+
+void zaiAddStringKnown(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
+                       int32_t codedCharSetId, int32_t firstType, int32_t *pCompCode,
+                       int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddString);
   zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_STRING, pCompCode, pReason);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_STRING, firstType, pCompCode, pReason);
   if (*pCompCode == CC_OK) {
     zaiPROPERTY item = {};
     memcpy(item.eyeCatcher, kItemEyeCatcher, 4);
@@ -944,6 +947,8 @@ void zaiAddString(zaiBAG *bag, int32_t selector, int32_t length, const char *byt
   }
   zaiFramePop(&frame, *pReason);
 }
+
+extern "C" {
 
 void zaiSetString(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t length,
                   const char *bytes, int32_t *pCompCode, int32_t *pReason) {
@@ -1006,35 +1011,40 @@ void zaiInquireString(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t 
 
 uint32_t zaiVXInquireBag(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, VXHBAG *pItemValue,
                          int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmIn("ItemIndex", &ItemIndex),
-                              zaiParmOut("ItemValue", pItemValue)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemIndex", &ItemIndex),
+                                      zaiParmOut("ItemValue", pItemValue)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXInquireBag, "vxInquireBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXInquireBag, "vxInquireBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pItemValue, sizeof *pItemValue, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_VALUE_ERROR);
   if (*cc == CC_OK && !zaiIsWildcard(Selector))
-    zaiCheckSelector(bag, Selector, ITEM_TYPE_BAG, cc, rc);
+    zaiCheckSelectorUnder(&call.frame, bag, Selector, ITEM_TYPE_BAG, cc, rc);
   if (*cc == CC_OK) {
     VXHBAG nested;
     zaiInquireBag(bag, Selector, ItemIndex, &nested, cc, rc);
     if (*cc == CC_OK) *pItemValue = nested;
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXInquireItemInfo(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
                               int32_t *pOutSelector, int32_t *pItemType, int32_t *pCompCode,
                               int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector), zaiParmIn("ItemIndex", &ItemIndex),
-      zaiParmOut("OutSelector", pOutSelector), zaiParmOut("ItemType", pItemType)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemIndex", &ItemIndex),
+                                      zaiParmOut("OutSelector", pOutSelector),
+                                      zaiParmOut("ItemType", pItemType)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXInquireItemInfo, "vxInquireItemInfo", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXInquireItemInfo, "vxInquireItemInfo", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   if (*cc == CC_OK) checkAnySelector(bag, Selector, cc, rc);
@@ -1050,30 +1060,32 @@ uint32_t zaiVXInquireItemInfo(VXHBAG Bag, int32_t Selector, int32_t ItemIndex,
       *pItemType = itemType;
     }
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXCountItems(VXHBAG Bag, int32_t Selector, int32_t *pItemCount, int32_t *pCompCode,
                          int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmOut("ItemCount", pItemCount)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmOut("ItemCount", pItemCount)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXCountItems, "vxCountItems", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXCountItems, "vxCountItems", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   if (*cc == CC_OK && svcCheckPointer(pItemCount, sizeof *pItemCount, SVC_CHECK_WRITE) != 0)
     zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
   if (*cc == CC_OK) checkAnySelector(bag, Selector, cc, rc);
-  if (*cc == CC_OK) *pItemCount = zaiCountItems(bag, 0, Selector);
-  return zaiApiEnd(&call);
+  if (*cc == CC_OK) *pItemCount = zaiCountItemsUnder(&call.frame, bag, 0, Selector);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiAddBag(zaiBAG *bag, int32_t selector, VXHBAG nestedBag, int32_t *pCompCode,
                int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiAddBag);
   zaiTraceParms(&frame, "pBag:%p, selector:%d", static_cast<void *>(bag), selector);
-  checkTypeForAdd(bag, selector, ITEM_TYPE_BAG, pCompCode, pReason);
+  checkTypeForAdd(bag, selector, ITEM_TYPE_BAG, ZAI_FIRST_UNKNOWN, pCompCode, pReason);
   if (*pCompCode == CC_OK) {
     zaiPROPERTY item = {};
     memcpy(item.eyeCatcher, kItemEyeCatcher, 4);
@@ -1115,11 +1127,13 @@ void zaiInquireItemInfo(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_
 
 uint32_t zaiVXDeleteItem(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_t *pCompCode,
                          int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
-                              zaiParmIn("ItemIndex", &ItemIndex)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("Selector", &Selector),
+                                      zaiParmIn("ItemIndex", &ItemIndex)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXDeleteItem, "vxDeleteItem", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXDeleteItem, "vxDeleteItem", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   // The system bag is kept at hand: a selector check may still overwrite.
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
@@ -1135,30 +1149,32 @@ uint32_t zaiVXDeleteItem(VXHBAG Bag, int32_t Selector, int32_t ItemIndex, int32_
            (Selector < 1 || Selector > kLastUserSelector))
     zaiFail(cc, rc, RC_SELECTOR_OUT_OF_RANGE);
   if (*cc == CC_OK) zaiDeleteItem(bag, Selector, ItemIndex, 0, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXClearBag(VXHBAG Bag, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag)};
+  const auto parms = [&] { return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag)}); };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXClearBag, "vxClearBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXClearBag, "vxClearBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK) zaiClearBag(bag, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXTruncateBag(VXHBAG Bag, int32_t ItemCount, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {zaiParmIn("Bag", &Bag), zaiParmIn("ItemCount", &ItemCount)};
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({zaiParmIn("Bag", &Bag), zaiParmIn("ItemCount", &ItemCount)});
+  };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXTruncateBag, "vxTruncateBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXTruncateBag, "vxTruncateBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiAlterableBag(Bag, cc, rc);
   if (*cc == CC_OK && ItemCount < 0) zaiFail(cc, rc, RC_ITEM_COUNT_ERROR);
   if (*cc == CC_OK) zaiTruncateBag(bag, ItemCount, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiDeleteItem(zaiBAG *bag, int32_t selector, int32_t itemIndex, int32_t unprotected,

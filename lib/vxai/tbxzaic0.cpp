@@ -95,15 +95,20 @@ extern "C" {
 uint32_t zaiVXExecute(VXHCONN Hconn, int32_t Command, VXHBAG OptionsBag, VXHBAG RequestBag,
                       VXHBAG ReplyBag, VXHOBJ Requestq, VXHOBJ Replyq, int32_t *pCompCode,
                       int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Hconn", &Hconn),           zaiParmIn("Command", &Command),
-      zaiParmIn("OptionsBag", &OptionsBag), zaiParmIn("RequestBag", &RequestBag),
-      zaiParmIn("ReplyBag", &ReplyBag),     zaiParmIn("Requestq", &Requestq),
-      zaiParmIn("Replyq", &Replyq),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("Hconn", &Hconn),
+        zaiParmIn("Command", &Command),
+        zaiParmIn("OptionsBag", &OptionsBag),
+        zaiParmIn("RequestBag", &RequestBag),
+        zaiParmIn("ReplyBag", &ReplyBag),
+        zaiParmIn("Requestq", &Requestq),
+        zaiParmIn("Replyq", &Replyq),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXExecute, "vxExecute", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXExecute, "vxExecute", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
 
   // Everything this call acquires; released at the end whatever happened.
@@ -163,7 +168,7 @@ uint32_t zaiVXExecute(VXHCONN Hconn, int32_t Command, VXHBAG OptionsBag, VXHBAG 
     zaiCloseTempReplyQueue(Hconn, &replyQueue, &closeCompCode, &closeReason);
   if (Requestq == HOBJ_NONE && commandQueue != HOBJ_UNUSABLE)
     zaiCloseSysAdminCmdQueue(Hconn, &commandQueue, &closeCompCode, &closeReason);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiProcessExecuteOptionsBag(zaiBAG *optionsBag, int32_t *waitInterval, int32_t *pCompCode,
@@ -191,17 +196,19 @@ void zaiProcessExecuteOptionsBag(zaiBAG *optionsBag, int32_t *waitInterval, int3
 
 uint32_t zaiVXPutBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pPutMsgOpts, VXHBAG Bag,
                      int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      {"OptionsBag", "OptionsBag", ZAI_PARM_EXIT_INPUT, nullptr, nullptr},
-      zaiParmIn("Hconn", &Hconn),
-      zaiParmIn("Hobj", &Hobj),
-      {"Refer to VXPUT", "Msgdesc", ZAI_PARM_IN_RECORD_REFER, pMsgDesc, &kTracedDescriptorLength},
-      {"Refer to VXPUT", "Putmsgopts", ZAI_PARM_REFER, pPutMsgOpts, nullptr},
-      zaiParmIn("Bag", &Bag),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        {"OptionsBag", "OptionsBag", ZAI_PARM_EXIT_INPUT, nullptr, nullptr},
+        zaiParmIn("Hconn", &Hconn),
+        zaiParmIn("Hobj", &Hobj),
+        {"Refer to VXPUT", "Msgdesc", ZAI_PARM_IN_RECORD_REFER, pMsgDesc, &kTracedDescriptorLength},
+        {"Refer to VXPUT", "Putmsgopts", ZAI_PARM_REFER, pPutMsgOpts, nullptr},
+        zaiParmIn("Bag", &Bag),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXPutBag, "vxPutBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXPutBag, "vxPutBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   zaiBAG *bag = zaiCallerBag(Bag, cc, rc);
   const char *descriptor = static_cast<const char *>(pMsgDesc);
@@ -224,21 +231,23 @@ uint32_t zaiVXPutBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pPutMsgOp
   }
   if (*cc == CC_OK) zaiSendPCFMsg(Hconn, Hobj, pMsgDesc, pPutMsgOpts, dataLength, buffer, cc, rc);
   if (buffer) zaiFreeVXAIBuffer(&buffer);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXGetBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pGetMsgOpts, VXHBAG Bag,
                      int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("Hconn", &Hconn),
-      zaiParmIn("Hobj", &Hobj),
-      {"Refer to VXGET", "Msgdesc", ZAI_PARM_IN_RECORD_REFER, pMsgDesc, &kTracedDescriptorLength},
-      {"Refer to VXGET", "Getmsgopts", ZAI_PARM_REFER, pGetMsgOpts, nullptr},
-      zaiParmIn("Bag", &Bag),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("Hconn", &Hconn),
+        zaiParmIn("Hobj", &Hobj),
+        {"Refer to VXGET", "Msgdesc", ZAI_PARM_IN_RECORD_REFER, pMsgDesc, &kTracedDescriptorLength},
+        {"Refer to VXGET", "Getmsgopts", ZAI_PARM_REFER, pGetMsgOpts, nullptr},
+        zaiParmIn("Bag", &Bag),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXGetBag, "vxGetBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXGetBag, "vxGetBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   char *descriptor = static_cast<char *>(pMsgDesc);
   char *getOptions = static_cast<char *>(pGetMsgOpts);
@@ -346,23 +355,25 @@ uint32_t zaiVXGetBag(VXHCONN Hconn, VXHOBJ Hobj, void *pMsgDesc, void *pGetMsgOp
       *rc = RC_NONE;
     }
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 // ----- Bags in buffers ------------------------------------------------------------------
 
 uint32_t zaiVXBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLength, void *pBuffer,
                           int32_t *pDataLength, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("OptionsBag", &OptionsBag),
-      zaiParmIn("DataBag", &DataBag),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
-      {"Datalength", "DataLength", ZAI_PARM_OUT, pDataLength, nullptr},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("OptionsBag", &OptionsBag),
+        zaiParmIn("DataBag", &DataBag),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
+        {"Datalength", "DataLength", ZAI_PARM_OUT, pDataLength, nullptr},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXBagToBuffer, "vxBagToBuffer", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXBagToBuffer, "vxBagToBuffer", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   // These calls have no options yet: only "no options bag" is accepted.
   if (OptionsBag != BAG_NONE) zaiFail(cc, rc, RC_OPTIONS_ERROR);
@@ -383,20 +394,22 @@ uint32_t zaiVXBagToBuffer(VXHBAG OptionsBag, VXHBAG DataBag, int32_t BufferLengt
     zaiBagToPCFMsg(bag, command, BufferLength, static_cast<char *>(pBuffer), pDataLength, &msgType,
                    format, cc, rc);
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *pBuffer,
                           VXHBAG DataBag, int32_t *pCompCode, int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmIn("OptionsBag", &OptionsBag),
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
-      zaiParmIn("DataBag", &DataBag),
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmIn("OptionsBag", &OptionsBag),
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
+        zaiParmIn("DataBag", &DataBag),
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXBufferToBag, "vxBufferToBag", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXBufferToBag, "vxBufferToBag", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   if (OptionsBag != BAG_NONE) zaiFail(cc, rc, RC_OPTIONS_ERROR);
   if (*cc == CC_OK && BufferLength < 0) zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
@@ -405,12 +418,23 @@ uint32_t zaiVXBufferToBag(VXHBAG OptionsBag, int32_t BufferLength, const void *p
     zaiFail(cc, rc, RC_BUFFER_ERROR);
   zaiBAG *bag = *cc == CC_OK ? zaiAlterableBag(DataBag, cc, rc) : nullptr;
   if (*cc == CC_OK) zaiPCFMsgToBag(BufferLength, static_cast<const char *>(pBuffer), bag, cc, rc);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *buffer,
                     int32_t *dataLength, int32_t *msgType, char *format, int32_t *pCompCode,
                     int32_t *pReason) {
+  // A small bag is scanned faster than it is indexed.
+  const bool indexed = bag->listForm && bag->items->count > ZAI_FRAME_FLAGS;
+  zaiBagToPCFMsgIndexed(indexed, bag, command, bufferLength, buffer, dataLength, msgType, format,
+                        pCompCode, pReason);
+}
+
+}  // extern "C"
+
+void zaiBagToPCFMsgIndexed(bool indexed, zaiBAG *bag, int32_t command, int32_t bufferLength,
+                           char *buffer, int32_t *dataLength, int32_t *msgType, char *format,
+                           int32_t *pCompCode, int32_t *pReason) {
   zaiFRAME frame = zaiFramePush(ZAI_COMPONENT, ZAIFN_zaiBagToPCFMsg);
   zaiTraceParms(&frame, "pBag:%p, command:%d, bufferLength:%d", static_cast<void *>(bag), command,
                 bufferLength);
@@ -432,22 +456,25 @@ void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *bu
     if (*pCompCode == CC_OK && bag->requiredParmsFirst && pcfType == PCF_TYPE_COMMAND)
       zaiWriteRequiredParmsForCmd(bag, area, pCompCode, pReason);
 
+    zaiBAGINDEX *index = indexed && *pCompCode == CC_OK ? zaiIndexBag(bag, command) : nullptr;
     const bool flagged = bag->listForm || bag->requiredParmsFirst;
-    for (int32_t index = 0; index < bag->items->count && *pCompCode == CC_OK; ++index) {
-      const zaiPROPERTY *item = zaiItemAt(bag, index);
+    for (int32_t at = 0; at < bag->items->count && *pCompCode == CC_OK; ++at) {
+      const zaiPROPERTY *item = zaiItemAt(bag, at);
       if (!item) continue;
       if (item->type == ITEM_TYPE_BAG) {
         zaiFail(pCompCode, pReason, RC_NESTED_BAG_NOT_SUPPORTED);
       } else if (item->selector < 0) {
         // System items travel in the header.
-      } else if (flagged && *zaiWrittenFlag(area, index)) {
+      } else if (flagged && *zaiWrittenFlag(area, at)) {
         // Already written as a leading parameter or as a list member.
       } else if (bag->listForm) {
-        zaiWriteSingleOrListPCFParm(item, area, bag, index, pCompCode, pReason);
+        zaiWriteSingleOrListPCFParmIndexed(item, area, bag, at, index, pCompCode, pReason);
       } else {
         zaiWriteSinglePCFParm(item, area, pCompCode, pReason);
       }
     }
+
+    zaiFreeBagIndex(index);
 
     *dataLength = area->usedLength;
     if (*pCompCode == CC_OK && area->usedLength > bufferLength) {
@@ -461,5 +488,3 @@ void zaiBagToPCFMsg(zaiBAG *bag, int32_t command, int32_t bufferLength, char *bu
   }
   zaiFramePop(&frame, *pReason);
 }
-
-}  // extern "C"

@@ -23,14 +23,23 @@ constexpr int32_t kFirstBufferSize = 4096;
 struct StructureKind {
   int32_t type;
   int32_t fixedLength;
-  void (*read)(const char *, zaiBAG *, int32_t *, int32_t *);
+  void (*read)(const char *, zaiBAG *, zaiSELECTORTYPES *, int32_t *, int32_t *);
 };
 constexpr StructureKind kStructureKinds[] = {
-    {PCF_TYPE_INTEGER, sizeof(PCFIntParm), zaiReadPCFIntParm},
-    {PCF_TYPE_STRING, sizeof(PCFStringParm), zaiReadPCFStringParm},
-    {PCF_TYPE_INTEGER_LIST, sizeof(PCFIntListParm), zaiReadPCFIntListParm},
-    {PCF_TYPE_STRING_LIST, sizeof(PCFStringListParm), zaiReadPCFStringListParm},
+    {PCF_TYPE_INTEGER, sizeof(PCFIntParm), zaiReadPCFIntParmKnown},
+    {PCF_TYPE_STRING, sizeof(PCFStringParm), zaiReadPCFStringParmKnown},
+    {PCF_TYPE_INTEGER_LIST, sizeof(PCFIntListParm), zaiReadPCFIntListParmKnown},
+    {PCF_TYPE_STRING_LIST, sizeof(PCFStringListParm), zaiReadPCFStringListParmKnown},
 };
+
+// True when the bag holds nothing but system items.
+bool holdsNoUserItem(const zaiBAG *bag) {
+  for (int32_t index = 0; index < bag->items->count; ++index) {
+    const zaiPROPERTY *item = zaiItemAt(bag, index);
+    if (item && item->selector >= 0) return false;
+  }
+  return true;
+}
 
 const StructureKind *kindOf(int32_t type) {
   for (const StructureKind &kind : kStructureKinds)
@@ -419,6 +428,10 @@ void zaiPCFMsgToBag(int32_t messageLength, const char *message, zaiBAG *bag, int
   if (*pCompCode == CC_OK) zaiReadPCFHeader(message, bag, pCompCode, pReason);
 
   if (*pCompCode == CC_OK) {
+    // What the adds of this read make of the bag's selectors is kept across
+    // them; a bag that could not be cleared holds items that it does not know.
+    zaiSELECTORTYPES known = {};
+    known.lost = !holdsNoUserItem(bag);
     const int32_t parameters = zaiGetField(message, offsetof(PCFHeader, parameterCount));
     int64_t offset = zaiGetField(message, offsetof(PCFHeader, structLength));
     for (int32_t i = 0; i < parameters && *pCompCode == CC_OK; ++i) {
@@ -438,10 +451,11 @@ void zaiPCFMsgToBag(int32_t messageLength, const char *message, zaiBAG *bag, int
           offset + kind->fixedLength > messageLength) {
         zaiFail(pCompCode, pReason, RC_PCF_FORMAT_ERROR);
       } else {
-        kind->read(structure, bag, pCompCode, pReason);
+        kind->read(structure, bag, &known, pCompCode, pReason);
         offset += structLength;
       }
     }
+    zaiForgetTypes(&known);
   }
 
   if (*pCompCode == CC_OK) zaiTraceBagContents(ZAI_COMPONENT, ZAIFN_zaiPCFMsgToBag, bag);

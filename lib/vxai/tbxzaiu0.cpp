@@ -8,14 +8,16 @@ extern "C" {
 
 uint32_t zaiVXPad(const char *pString, int32_t BufferLength, char *pBuffer, int32_t *pCompCode,
                   int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      {"String", "String", ZAI_PARM_IN_STRING, pString, nullptr},
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        {"String", "String", ZAI_PARM_IN_STRING, pString, nullptr},
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_OUT_BUFFER, pBuffer, &BufferLength},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXPad, "vxPad", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXPad, "vxPad", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   int32_t stringLength = 0;  // a null string pads like an empty one
   if (BufferLength < 0) {
@@ -35,19 +37,21 @@ uint32_t zaiVXPad(const char *pString, int32_t BufferLength, char *pBuffer, int3
       *rc = RC_STRING_TRUNCATED;
     }
   }
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 uint32_t zaiVXTrim(int32_t BufferLength, const char *pBuffer, char *pString, int32_t *pCompCode,
                    int32_t *pReason) {
-  const zaiAPIPARM parms[] = {
-      zaiParmBufferLength(&BufferLength),
-      {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
-      {"String", "String", ZAI_PARM_OUT_STRING, pString, nullptr},
+  const auto parms = [&] {
+    return std::to_array<zaiAPIPARM>({
+        zaiParmBufferLength(&BufferLength),
+        {"Buffer", "Buffer", ZAI_PARM_IN_BUFFER, pBuffer, &BufferLength},
+        {"String", "String", ZAI_PARM_OUT_STRING, pString, nullptr},
+    });
   };
   zaiAPICALL call;
-  zaiApiBegin(&call, ZAIFN_zaiVXTrim, "vxTrim", parms, pCompCode, pReason);
-  zaiApiTraceEntry(&call);
+  zaiApiBegin(&call, ZAIFN_zaiVXTrim, "vxTrim", pCompCode, pReason);
+  zaiApiTraceEntry(&call, parms);
   int32_t *cc = call.pCompCode, *rc = call.pReason;
   if (BufferLength < 0) {
     zaiFail(cc, rc, RC_BUFFER_LENGTH_ERROR);
@@ -60,7 +64,7 @@ uint32_t zaiVXTrim(int32_t BufferLength, const char *pBuffer, char *pString, int
                        svcCheckPointer(pString, BufferLength + 1, SVC_CHECK_WRITE) != 0))
     zaiFail(cc, rc, RC_STRING_ERROR);
   if (*cc == CC_OK) zaiTrimBuffer(pBuffer, BufferLength, pString);
-  return zaiApiEnd(&call);
+  return zaiApiEnd(&call, parms);
 }
 
 char *zaiPadString(const char *string, char *buffer, int32_t bufferLength) {

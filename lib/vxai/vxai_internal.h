@@ -12,6 +12,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <array>
+
 #include "svc.h"
 #include "vxai.h"
 #include "vxqi.h"
@@ -184,13 +186,58 @@ struct zaiFRAME {
   uint32_t identifier;
 };
 
-// Records the entry marker in the trace history and call stack.
-zaiFRAME zaiFramePush(int32_t component, int32_t function);
+constexpr uint32_t ZAI_ENTRY_MARKER = 0xF0000000u;
+
+inline void zaiRecordInHistory(svcTHREADANCHOR *anchor, uint32_t marker) {
+  anchor->history[anchor->historyIndex] = marker;
+  if (++anchor->historyIndex >= anchor->historySize) anchor->historyIndex = 0;
+}
+
+// Records the entry marker in the trace history and call stack of the
+// thread whose anchor is given (none: nothing is recorded).  Every function
+// pushes a frame on entry and pops it on exit, so both are inline: a frame
+// costs a few stores when trace is off.
+inline zaiFRAME zaiFramePush(svcTHREADANCHOR *anchor, int32_t component, int32_t function) {
+  zaiFRAME frame = {anchor, static_cast<uint32_t>(component << 10 | function)};
+  if (anchor) {
+    const uint32_t marker = ZAI_ENTRY_MARKER | frame.identifier;
+    zaiRecordInHistory(anchor, marker);
+    if (anchor->callDepth >= 0 && anchor->callDepth < SVC_CALL_STACK_SLOTS)
+      anchor->callStack[anchor->callDepth] = marker;
+    ++anchor->callDepth;
+    if (anchor->traceActive) trcFunctionEntry(anchor);
+  }
+  return frame;
+}
+
+// The same for the calling thread, whose anchor is looked up.
+inline zaiFRAME zaiFramePush(int32_t component, int32_t function) {
+  return zaiFramePush(static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey)),
+                      component, function);
+}
+
 // Records the exit marker (reason << 16 | identifier) and returns it.
-uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason);
+inline uint32_t zaiFramePop(const zaiFRAME *frame, int32_t reason) {
+  const uint32_t marker = static_cast<uint32_t>(reason) << 16 | frame->identifier;
+  if (svcTHREADANCHOR *anchor = frame->anchor) {
+    --anchor->callDepth;
+    zaiRecordInHistory(anchor, marker);
+    if (anchor->traceActive) trcFunctionExit(anchor, reason);
+  }
+  return marker;
+}
+
 // Writes an internal function's parameter line when parameter trace is on.
-void zaiTraceParms(const zaiFRAME *frame, const char *format, ...)
+// Parameter lines need the thread's trace to be active: without it the
+// arguments are not even formatted.
+void zaiTraceParmLine(const zaiFRAME *frame, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
+#define zaiTraceParms(frame, ...)                                      \
+  do {                                                                 \
+    const zaiFRAME *zaiTracedFrame = (frame);                          \
+    if (zaiTracedFrame->anchor && zaiTracedFrame->anchor->traceActive) \
+      zaiTraceParmLine(zaiTracedFrame, __VA_ARGS__);                   \
+  } while (0)
 // A labelled record at detail level, when parameter trace is on.
 void zaiTraceRecord(const zaiFRAME *frame, const char *label, const void *record, int32_t length);
 // Whether the process has trace switched on at all: the gate of the trace
@@ -260,15 +307,64 @@ struct zaiAPICALL {
 // set-up, signal actions, entry marker, codes cleared), entry trace, the
 // call's own checks and internal call, end (exit trace, signal actions, exit
 // marker, which it returns).
-void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
-                 const zaiAPIPARM *parms, int32_t parmCount, int32_t *pCompCode, int32_t *pReason);
-void zaiApiTraceEntry(const zaiAPICALL *call);
-uint32_t zaiApiEnd(zaiAPICALL *call);
+// They run in every call, so the steps are inline and only the trace lines
+// are not.
+void zaiApiSetUpThread();
+void zaiApiTraceEntryLines(const zaiAPICALL *call);
+void zaiApiTraceExitLines(const zaiAPICALL *call);
 
-template <int32_t N>
+// Decided afresh at entry and at exit of every API call.
+inline bool zaiApiTraceOn() {
+  return (processAnchor.traceLevel != 0xFFFFFFFFu && (processAnchor.traceOptions & 0x1) != 0) ||
+         processAnchor.earlyTrace != 0;
+}
+
+// The parameters are described only when the trace shows them: `parms`
+// returns the array of their descriptions.
 inline void zaiApiBegin(zaiAPICALL *call, int32_t function, const char *exportedName,
-                        const zaiAPIPARM (&parms)[N], int32_t *pCompCode, int32_t *pReason) {
-  zaiApiBegin(call, function, exportedName, parms, N, pCompCode, pReason);
+                        int32_t *pCompCode, int32_t *pReason) {
+  // One look-up of the thread's anchor serves the whole call, unless the
+  // thread is set up only now.
+  auto *anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+  if (!anchor || !anchor->initialised) {
+    zaiApiSetUpThread();
+    anchor = static_cast<svcTHREADANCHOR *>(pthread_getspecific(threadAnchorKey));
+  }
+  call->actionsSaved = 0;
+  sigSaveActions(&call->actionsSaved);
+  call->frame = zaiFramePush(anchor, ZAI_COMPONENT, function);
+  call->exportedName = exportedName;
+  call->parms = nullptr;
+  call->parmCount = 0;
+  // A caller without a completion or reason variable still gets a call
+  // that runs to its end; it just cannot learn the outcome.
+  call->pCompCode = pCompCode ? pCompCode : &call->ownCompCode;
+  call->pReason = pReason ? pReason : &call->ownReason;
+  *call->pCompCode = CC_OK;
+  *call->pReason = RC_NONE;
+}
+
+template <typename Parms>
+inline void zaiApiTraceEntry(zaiAPICALL *call, const Parms &parms) {
+  if (!zaiApiTraceOn()) return;
+  const auto described = parms();
+  call->parms = described.data();
+  call->parmCount = static_cast<int32_t>(described.size());
+  zaiApiTraceEntryLines(call);
+  call->parms = nullptr;
+}
+
+template <typename Parms>
+inline uint32_t zaiApiEnd(zaiAPICALL *call, const Parms &parms) {
+  if (zaiApiTraceOn()) {
+    const auto described = parms();
+    call->parms = described.data();
+    call->parmCount = static_cast<int32_t>(described.size());
+    zaiApiTraceExitLines(call);
+    call->parms = nullptr;
+  }
+  if (call->actionsSaved) sigRestoreActions(&call->actionsSaved);
+  return zaiFramePop(&call->frame, *call->pReason);
 }
 
 // Selector classes.
@@ -347,6 +443,12 @@ VXAI_EXPORT void zaiFreeItem(zaiBAG *bag, int32_t vectorIndex, int32_t *pCompCod
 
 VXAI_EXPORT void zaiCheckSelector(zaiBAG *bag, int32_t selector, int32_t type, int32_t *pCompCode,
                                   int32_t *pReason);
+}  // extern "C"
+// zaiCheckSelector called by a function that has its frame at hand: the
+// check's own frame goes on the same thread anchor without looking it up.
+void zaiCheckSelectorUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t selector, int32_t type,
+                           int32_t *pCompCode, int32_t *pReason);
+extern "C" {
 VXAI_EXPORT void zaiCheckUniqueSelector(zaiBAG *bag, int32_t selector, int32_t *pCompCode,
                                         int32_t *pReason);
 // The item found, or null; its vector index in *foundIndex.
@@ -354,6 +456,12 @@ VXAI_EXPORT zaiPROPERTY *zaiFindSelector(zaiBAG *bag, int32_t startIndex, int32_
                                          int32_t itemIndex, int32_t *foundIndex, int32_t *pCompCode,
                                          int32_t *pReason);
 VXAI_EXPORT int32_t zaiCountItems(zaiBAG *bag, int32_t startIndex, int32_t selector);
+}  // extern "C"
+// zaiCountItems called by a function that has its frame at hand, as
+// vxCountItems does: one look-up of the thread's anchor serves the call.
+int32_t zaiCountItemsUnder(const zaiFRAME *caller, zaiBAG *bag, int32_t startIndex,
+                           int32_t selector);
+extern "C" {
 
 // ---------------------------------------------------------------------------
 // Items
@@ -404,6 +512,23 @@ VXAI_EXPORT void zaiSetString(zaiBAG *bag, int32_t selector, int32_t itemIndex, 
 VXAI_EXPORT void zaiInquireString(zaiBAG *bag, int32_t selector, int32_t itemIndex,
                                   int32_t bufferLength, char *buffer, int32_t *stringLength,
                                   int32_t *codedCharSetId, int32_t *pCompCode, int32_t *pReason);
+}  // extern "C"
+
+// The adds of the message reader, which keeps track of the selectors it has
+// added under: firstType is the type of the selector's first occurrence in
+// the bag as the caller knows it, ZAI_FIRST_NONE when the selector does not
+// occur, or ZAI_FIRST_UNKNOWN to have the add look it up as zaiAddInteger and
+// zaiAddString do.  Frames, checks and outcomes are those of those two.
+constexpr int32_t ZAI_FIRST_UNKNOWN = -1;
+constexpr int32_t ZAI_FIRST_NONE = 0;
+void zaiAddIntegerKnown(zaiBAG *bag, int32_t selector, int32_t value, int32_t firstType,
+                        int32_t *pCompCode, int32_t *pReason);
+void zaiAddStringKnown(zaiBAG *bag, int32_t selector, int32_t length, const char *bytes,
+                       int32_t codedCharSetId, int32_t firstType, int32_t *pCompCode,
+                       int32_t *pReason);
+
+extern "C" {
+
 // Nests a bag under a selector; from then on the holder owns it.  Only the
 // library nests bags, so this one is not exported.
 void zaiAddBag(zaiBAG *bag, int32_t selector, VXHBAG nestedBag, int32_t *pCompCode,
@@ -575,6 +700,32 @@ VXAI_EXPORT void zaiWritePCFListHeader(const zaiPROPERTY *item, zaiPCFBUFFER *ar
                                        int32_t *pReason);
 VXAI_EXPORT void zaiWritePCFListValue(const zaiPROPERTY *item, zaiPCFBUFFER *area,
                                       int32_t *pCompCode, int32_t *pReason);
+}  // extern "C"
+
+// What one conversion knows of its bag: how often each selector occurs, and
+// which items could join a list.  It answers the questions of the rules
+// without a scan of the bag per item.  Built from the process heap for one
+// conversion; null without memory, and the conversion then scans.
+struct zaiBAGINDEX;
+zaiBAGINDEX *zaiIndexBag(const zaiBAG *bag, int32_t command);
+void zaiFreeBagIndex(zaiBAGINDEX *index);
+
+// zaiWriteSingleOrListPCFParm answered from the index (or, with none, by
+// scanning the bag as the rules are written).  The conversion that owns the
+// index calls it for its items in bag order.
+void zaiWriteSingleOrListPCFParmIndexed(const zaiPROPERTY *item, zaiPCFBUFFER *area, zaiBAG *bag,
+                                        int32_t itemIndex, zaiBAGINDEX *index, int32_t *pCompCode,
+                                        int32_t *pReason);
+
+// zaiBagToPCFMsg with the bag indexed or not as the caller chooses.
+// zaiBagToPCFMsg indexes a bag with list form and more items than the control
+// area in its frame has flags for; tests compare both ways on any bag.
+void zaiBagToPCFMsgIndexed(bool indexed, zaiBAG *bag, int32_t command, int32_t bufferLength,
+                           char *buffer, int32_t *dataLength, int32_t *msgType, char *format,
+                           int32_t *pCompCode, int32_t *pReason);
+
+extern "C" {
+
 // The largest length of the unwritten strings that can join the item's list,
 // from startIndex on; -1 when there is none.
 VXAI_EXPORT int32_t zaiFindLargestString(zaiBAG *bag, zaiPCFBUFFER *area, const zaiPROPERTY *item,
@@ -608,6 +759,43 @@ VXAI_EXPORT void zaiReadPCFIntListParm(const char *structure, zaiBAG *bag, int32
                                        int32_t *pReason);
 VXAI_EXPORT void zaiReadPCFStringListParm(const char *structure, zaiBAG *bag, int32_t *pCompCode,
                                           int32_t *pReason);
+
+}  // extern "C"
+
+// What the message reader knows of the bag it fills: the type of the first
+// occurrence of each user selector it has added under.  The bag holds no
+// user item when the read starts, so the reader's own adds are all there is
+// to know, and an add need not look through the bag.  The table lives in the
+// process heap for one read and doubles as it fills; without memory for it,
+// it is given up and the adds look through the bag again: slower, with the
+// same outcome.
+struct zaiSELECTORTYPES {
+  struct Entry {
+    int32_t selector;
+    int32_t type;  // 0: a free entry
+  };
+  Entry *entries;
+  int32_t capacity;  // a power of two, or 0 before the first entry
+  int32_t used;
+  bool lost;  // given up, or the bag held user items: nothing is known
+};
+// ZAI_FIRST_NONE for a selector not added under, ZAI_FIRST_UNKNOWN once lost.
+int32_t zaiKnownType(const zaiSELECTORTYPES *known, int32_t selector);
+void zaiLearnType(zaiSELECTORTYPES *known, int32_t selector, int32_t type);
+void zaiForgetTypes(zaiSELECTORTYPES *known);
+
+// The structure readers as the message reader calls them, with what it
+// knows of the bag (null: nothing, as the exported readers).
+void zaiReadPCFIntParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                            int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFStringParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                               int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFIntListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                int32_t *pCompCode, int32_t *pReason);
+void zaiReadPCFStringListParmKnown(const char *structure, zaiBAG *bag, zaiSELECTORTYPES *known,
+                                   int32_t *pCompCode, int32_t *pReason);
+
+extern "C" {
 
 // Writes one line per item of the bag to the trace when bag dumps are on.
 VXAI_EXPORT void zaiTraceBagContents(int32_t component, int32_t function, const zaiBAG *bag);

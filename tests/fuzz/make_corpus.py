@@ -143,6 +143,18 @@ SEEDS = {
     "list_inquiry_then_string": seed(
         LIST_REORDER, message([integer(1074, 5), string(1001, b"x")], TYPE_COMMAND, command=2)
     ),
+    # Two lists of empty strings, 5,879 under one selector and then 1.5
+    # million claimed under another (the message is much shorter than its
+    # count): each add of the second list once looked past every item of the
+    # first.  Found by the fuzzer as a time-out, kept as it was found.
+    "two_empty_string_lists": bytes.fromhex(
+        "02010000002400000001000000022000000100d50001000000000000000600000051"
+        "31000b03000000100000001e00600001003d00060000001c000000f807000000ff00"
+        "00f7160000000000005131000003000000100000001400000001003d00060000001c"
+        "000000f86907000000ff0000f7160000000000000200000000100097979797979797"
+        "97979797979797979797979797979797979797979797979797979797979797979797"
+        "9797979797979797979797979797979797979797979797979797979797979700"
+    ),
     "checked_list": seed(
         LIST_CHECKED,
         message([integer(1001, 2016), integer(1001, 20), string(2016, b"Q"), integer(1001, 3)]),
