@@ -104,20 +104,23 @@ class MemoryStore final : public Store {
     return found;
   }
 
-  void removeMessage(const std::string &queue, const MessageKey &key) override {
+  bool removeMessage(const std::string &queue, const MessageKey &key) override {
     StoredQueue &stored = queues_.at(queue);
     auto it = stored.messages.find(key);
-    if (it == stored.messages.end()) return;
+    if (it == stored.messages.end()) return false;
     if (it->second.message.expiresAt != Clock::time_point::max()) --stored.expiring;
-    stored.messages.erase(it);
+    // Kept until the next removal: the get that found it copies it out after.
+    lastRemoved_ = stored.messages.extract(it);
+    return true;
   }
 
-  void takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) override {
+  bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) override {
     auto &refs = units_[unit];
     refs.emplace_back(queue, key);  // the only step that may throw comes first
     StoredMessage &stored = queues_.at(queue).messages.at(key);
     stored.state = MessageState::kGotInUnit;
     stored.unit = unit;
+    return true;
   }
 
   int32_t discardExpired(const std::string &queue, Clock::time_point now) override {
@@ -196,6 +199,7 @@ class MemoryStore final : public Store {
   }
 
   std::map<std::string, StoredQueue> queues_;
+  std::map<MessageKey, StoredMessage>::node_type lastRemoved_;
   // The messages of each open unit of work, by queue name and key.
   std::unordered_map<uint64_t, std::vector<std::pair<std::string, MessageKey>>> units_;
   uint64_t lastSequence_ = 0;

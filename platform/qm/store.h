@@ -57,9 +57,11 @@ struct Selection {
   std::optional<MessageKey> after;  // a browse-next cursor: only later messages
 };
 
-// What a search found: the message (valid until the next call that changes
-// the store), its key, and the earliest time a matching message that is not
-// visible yet (a delayed put) becomes visible, or max when there is none.
+// What a search found: the message, its key, and the earliest time a
+// matching message that is not visible yet (a delayed put) becomes visible,
+// or max when there is none.  The message stays valid until the next call
+// that changes the store; the removeMessage or takeInUnit of that message
+// itself leaves it valid until the call after.
 struct Found {
   const Message *message = nullptr;
   MessageKey key;
@@ -86,9 +88,12 @@ class Store {
   // visible and not expired at `now`.
   virtual Found findMessage(const std::string &queue, const Selection &selection,
                             Clock::time_point now) const = 0;
-  virtual void removeMessage(const std::string &queue, const MessageKey &key) = 0;
+  // Both return false when the message is no longer available: a store
+  // shared with other processes may have seen it taken by one of them since
+  // it was found, and the get must look again.
+  virtual bool removeMessage(const std::string &queue, const MessageKey &key) = 0;
   // An available message got under syncpoint: invisible until its unit ends.
-  virtual void takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
+  virtual bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
   // Removes the messages expired at `now`; returns how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;
   virtual void clearQueue(const std::string &queue) = 0;
