@@ -29,6 +29,9 @@ bool idMatches(const char *wanted, const char *id, size_t length) {
 
 class MemoryStore final : public Store {
  public:
+  MemoryStore(uint64_t (*nextSequence)(void *), void *context)
+      : nextSequence_(nextSequence), context_(context) {}
+
   bool findQueue(const std::string &name, QueueDefinition *definition) const override {
     auto it = queues_.find(name);
     if (it == queues_.end()) return false;
@@ -64,7 +67,8 @@ class MemoryStore final : public Store {
   MessageKey addMessage(const std::string &queue, Message message, MessageState state,
                         uint64_t unit) override {
     StoredQueue &stored = queues_.at(queue);
-    MessageKey key{message.descriptor.priority, ++lastSequence_};
+    MessageKey key{message.descriptor.priority,
+                   nextSequence_ != nullptr ? nextSequence_(context_) : ++lastSequence_};
     // Whatever may throw comes before anything changes: the unit's entry
     // (room made for it) and the copy of the queue's name.
     std::vector<std::pair<std::string, MessageKey>> *refs = nullptr;
@@ -198,6 +202,8 @@ class MemoryStore final : public Store {
     return it == queue->second.messages.end() || it->second.unit != unit ? nullptr : &it->second;
   }
 
+  uint64_t (*nextSequence_)(void *);
+  void *context_;
   std::map<std::string, StoredQueue> queues_;
   std::map<MessageKey, StoredMessage>::node_type lastRemoved_;
   // The messages of each open unit of work, by queue name and key.
@@ -207,6 +213,10 @@ class MemoryStore final : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeMemoryStore() { return std::make_unique<MemoryStore>(); }
+std::unique_ptr<Store> makeMemoryStore() { return std::make_unique<MemoryStore>(nullptr, nullptr); }
+
+std::unique_ptr<Store> makeMemoryStore(uint64_t (*nextSequence)(void *context), void *context) {
+  return std::make_unique<MemoryStore>(nextSequence, context);
+}
 
 }  // namespace vxqm

@@ -213,7 +213,7 @@ int32_t newHandle() {
 // ---------------------------------------------------------------------------
 // Queue manager: set-up, connections, handles
 
-QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeMemoryStore()) {
+QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeStore(name_)) {
   defineInitialObjects();
 }
 
@@ -562,7 +562,9 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
-      const Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
+      Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
+      // Other processes that share the store cannot signal: look again soon.
+      if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
       if (wakeAt == Clock::time_point::max()) {
         queue->changed.wait(lock);
       } else {
