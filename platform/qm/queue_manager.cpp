@@ -927,11 +927,19 @@ void Registry::reset(const std::string &name) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = managers_.find(name);
     if (it == managers_.end()) return;
-    old = it->second;
-    it->second = std::make_shared<QueueManager>(name);
+    old = std::move(it->second);
+    managers_.erase(it);
     std::erase_if(connections_, [&](const auto &entry) { return entry.second == old; });
   }
-  old->shutdown();
+  // None when the queue manager could not be made (its store failed to open).
+  if (old) old->shutdown();
+  // Its store closes (backing out its units) before the new one opens,
+  // unless a get still waiting holds it.
+  old.reset();
+  // When the new one cannot be made, there is none until the next use.
+  auto fresh = std::make_shared<QueueManager>(name);
+  std::lock_guard<std::mutex> lock(mutex_);
+  managers_.try_emplace(name, std::move(fresh));
 }
 
 }  // namespace vxqm

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -141,6 +142,22 @@ class QmPersist : public ::testing::Test {
 TEST_F(QmPersist, TheDatabaseIsOneFileInTheDataDirectory) {
   Connection c(kQm);
   EXPECT_TRUE(std::filesystem::exists(directory_ + "/PQM.db"));
+}
+
+TEST_F(QmPersist, ADatabaseThatCannotBeMadeIsAStoreError) {
+  const std::string notADirectory = directory_ + "/file";
+  std::fclose(std::fopen(notADirectory.c_str(), "w"));
+  setenv("VXQM_DATA", notADirectory.c_str(), 1);
+  vxqm::test::reset(kQm);
+  char name[QM_NAME_LENGTH] = "PQM";
+  int32_t hconn = 0;
+  Status s;
+  qmCONN(name, &hconn, &s.compCode, &s.reason, 0);
+  EXPECT_EQ(s, failed(RC_STORE_ERROR));
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+  vxqm::test::reset(kQm);  // nothing to reset: no queue manager was made
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+  Connection c(kQm);  // the next connect makes it
 }
 
 TEST_F(QmPersist, DefinitionsAndPersistentMessagesSurviveARestart) {
