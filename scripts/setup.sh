@@ -2,7 +2,9 @@
 # Installs what the build needs when it is missing: a 32-bit C and C++
 # tool chain with its sanitizer run-times, CMake, Ninja, the GoogleTest
 # sources, valgrind with the 32-bit C library's debugging symbols (helgrind
-# needs them), and any further packages named as arguments.  Safe to run
+# needs them), the 32-bit SQLite run-time with the (architecture-independent)
+# SQLite header of the native development package, and any further packages
+# named as arguments.  Safe to run
 # again; does nothing when all is there.
 #
 #   sh scripts/setup.sh [package ...]
@@ -32,6 +34,8 @@ need binutils
 need clang-format
 need valgrind
 need libc6-dbg:i386
+need libsqlite3-0:i386
+need libsqlite3-dev
 
 if [ -n "$missing" ] || [ "$added_architecture" = yes ]; then
   # A mirror that is being synchronised can fail one index; what the other

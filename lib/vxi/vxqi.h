@@ -313,6 +313,7 @@ typedef struct vxGETOPTS {
 #define RC_PUT_OPTIONS_ERROR 2173
 #define RC_GET_OPTIONS_ERROR 2186
 #define RC_UNEXPECTED_ERROR 2195
+#define RC_STORE_ERROR 2197 /* the queue manager's database failed (I/O, damaged, locked) */
 
 /* ---------------------------------------------------------------------- */
 /* Command server                                                         */

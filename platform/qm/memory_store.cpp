@@ -29,6 +29,9 @@ bool idMatches(const char *wanted, const char *id, size_t length) {
 
 class MemoryStore final : public Store {
  public:
+  MemoryStore(uint64_t (*nextSequence)(void *), void *context)
+      : nextSequence_(nextSequence), context_(context) {}
+
   bool findQueue(const std::string &name, QueueDefinition *definition) const override {
     auto it = queues_.find(name);
     if (it == queues_.end()) return false;
@@ -64,7 +67,8 @@ class MemoryStore final : public Store {
   MessageKey addMessage(const std::string &queue, Message message, MessageState state,
                         uint64_t unit) override {
     StoredQueue &stored = queues_.at(queue);
-    MessageKey key{message.descriptor.priority, ++lastSequence_};
+    MessageKey key{message.descriptor.priority,
+                   nextSequence_ != nullptr ? nextSequence_(context_) : ++lastSequence_};
     // Whatever may throw comes before anything changes: the unit's entry
     // (room made for it) and the copy of the queue's name.
     std::vector<std::pair<std::string, MessageKey>> *refs = nullptr;
@@ -104,20 +108,23 @@ class MemoryStore final : public Store {
     return found;
   }
 
-  void removeMessage(const std::string &queue, const MessageKey &key) override {
+  bool removeMessage(const std::string &queue, const MessageKey &key) override {
     StoredQueue &stored = queues_.at(queue);
     auto it = stored.messages.find(key);
-    if (it == stored.messages.end()) return;
+    if (it == stored.messages.end()) return false;
     if (it->second.message.expiresAt != Clock::time_point::max()) --stored.expiring;
-    stored.messages.erase(it);
+    // Kept until the next removal: the get that found it copies it out after.
+    lastRemoved_ = stored.messages.extract(it);
+    return true;
   }
 
-  void takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) override {
+  bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) override {
     auto &refs = units_[unit];
     refs.emplace_back(queue, key);  // the only step that may throw comes first
     StoredMessage &stored = queues_.at(queue).messages.at(key);
     stored.state = MessageState::kGotInUnit;
     stored.unit = unit;
+    return true;
   }
 
   int32_t discardExpired(const std::string &queue, Clock::time_point now) override {
@@ -195,7 +202,10 @@ class MemoryStore final : public Store {
     return it == queue->second.messages.end() || it->second.unit != unit ? nullptr : &it->second;
   }
 
+  uint64_t (*nextSequence_)(void *);
+  void *context_;
   std::map<std::string, StoredQueue> queues_;
+  std::map<MessageKey, StoredMessage>::node_type lastRemoved_;
   // The messages of each open unit of work, by queue name and key.
   std::unordered_map<uint64_t, std::vector<std::pair<std::string, MessageKey>>> units_;
   uint64_t lastSequence_ = 0;
@@ -203,6 +213,10 @@ class MemoryStore final : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeMemoryStore() { return std::make_unique<MemoryStore>(); }
+std::unique_ptr<Store> makeMemoryStore() { return std::make_unique<MemoryStore>(nullptr, nullptr); }
+
+std::unique_ptr<Store> makeMemoryStore(uint64_t (*nextSequence)(void *context), void *context) {
+  return std::make_unique<MemoryStore>(nextSequence, context);
+}
 
 }  // namespace vxqm

@@ -8,6 +8,18 @@
 // failure is CC_FAILED).  qmName names a queue manager as a connect does ("" or
 // blanks: the default, "QM1"); one that does not exist yet is created with its
 // initial objects.  Object names are 1 to 48 characters of A-Z a-z 0-9 . _ / %.
+//
+// Where a queue manager keeps its objects: when the environment variable
+// VXQM_DATA names a directory at the moment a queue manager is created in the
+// process (its first connect, or an administration call or test hook that
+// names it), its definitions and persistent messages live in the SQLite
+// database `$VXQM_DATA/<qmName>.db` (the directory is made, mode 0700, when
+// missing), shared with every other process that uses the same directory;
+// otherwise (unset or empty) everything is in memory, for the life of the
+// process.  A program that hosts queue managers over a directory sets the
+// variable before its first connect.  docs/persistence.md says what is
+// shared between processes and what is not.  A database that cannot be
+// opened or fails is reported as RC_STORE_ERROR.
 #ifndef VX_QM_ADMIN_H
 #define VX_QM_ADMIN_H
 

@@ -40,7 +40,12 @@ QM_TEST_EXPORT int32_t delayMessages(const std::string &qmName, const std::strin
 // Puts the queue manager back to its initial objects, with no messages: its
 // connections end (their handles then get RC_HCONN_ERROR, and waiting gets
 // return it) and the hooks of its queues are lifted.  The failNext and
-// throwNext scripts are cancelled as well.
+// throwNext scripts are cancelled as well.  The new queue manager reads
+// VXQM_DATA again: with a data directory, a reset is a restart (the
+// connections' units of work back out, and the definitions and persistent
+// messages of the database are kept); a test that wants a fresh one names a
+// new directory first.  When the new one cannot be made (its database cannot
+// be opened), there is none until the next call that names it.
 QM_TEST_EXPORT void reset(const std::string &qmName);
 
 // Counts, or -1 for a queue manager that does not exist (messageCount: or a

@@ -213,7 +213,7 @@ int32_t newHandle() {
 // ---------------------------------------------------------------------------
 // Queue manager: set-up, connections, handles
 
-QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeMemoryStore()) {
+QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeStore(name_)) {
   defineInitialObjects();
 }
 
@@ -225,16 +225,17 @@ QueueManager::~QueueManager() {
 }
 
 void QueueManager::defineInitialObjects() {
+  // A store that outlives the process has them already, perhaps changed.
   QueueDefinition local;
   local.name = kAdminCommandQueue;
-  store_->saveQueue(local);
+  if (!store_->findQueue(local.name, nullptr)) store_->saveQueue(local);
   local.name = kDefaultLocalQueue;
-  store_->saveQueue(local);
+  if (!store_->findQueue(local.name, nullptr)) store_->saveQueue(local);
   QueueDefinition model;
   model.name = kDefaultModelQueue;
   model.queueType = QTYPE_MODEL;
   model.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
-  store_->saveQueue(model);
+  if (!store_->findQueue(model.name, nullptr)) store_->saveQueue(model);
   for (const std::string &name : store_->queueNames()) {
     auto queueState = std::make_shared<QueueState>();
     queueState->definitionType = definition(name).definitionType;
@@ -271,10 +272,17 @@ QueueDefinition QueueManager::definition(const std::string &queue) const {
   return definition;
 }
 
-QueueState &QueueManager::state(const std::string &queue) {
+QueueState &QueueManager::state(const std::string &queue) { return *sharedState(queue); }
+
+std::shared_ptr<QueueState> QueueManager::sharedState(const std::string &queue) {
   auto it = queues_.find(queue);
-  if (it == queues_.end()) fail(RC_UNKNOWN_OBJECT_NAME);
-  return *it->second;
+  if (it != queues_.end()) return it->second;
+  // A queue that another process sharing the store defined.
+  const QueueDefinition defined = definition(queue);
+  auto queueState = std::make_shared<QueueState>();
+  queueState->definitionType = defined.definitionType;
+  queues_.emplace(queue, queueState);
+  return queueState;
 }
 
 void QueueManager::disconnect(int32_t hconn) {
@@ -336,7 +344,7 @@ ObjectHandle QueueManager::openObject(int32_t hconn, vxOBJDESC &od, int32_t opti
   }
   // Nothing below allocates, so a dynamic queue made above is never left
   // without the handle that opens it (a new queue has no conflicting open).
-  std::shared_ptr<QueueState> queueState = queues_.at(name);
+  std::shared_ptr<QueueState> queueState = sharedState(name);
   if ((options & kInputOptions) != 0) {
     const bool exclusive = (options & OPEN_INPUT_EXCLUSIVE) != 0;
     if (queueState->exclusiveInput || (exclusive && queueState->openInputCount > 0)) {
@@ -554,7 +562,9 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
-      const Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
+      Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
+      // Other processes that share the store cannot signal: look again soon.
+      if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
       if (wakeAt == Clock::time_point::max()) {
         queue->changed.wait(lock);
       } else {
@@ -581,6 +591,21 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
       }
     }
     const bool truncated = length > bufferLength;
+    const bool refused = truncated && (options & GET_ACCEPT_TRUNCATED_MSG) == 0;
+    // Taken before anything is written to the caller: a store shared with
+    // other processes may find that one of them took the message first.
+    if (!browse && !refused) {
+      if ((options & GET_SYNCPOINT) != 0) {
+        const bool newUnit = c.unit == 0;
+        if (newUnit) c.unit = ++lastUnit_;
+        if (!store_->takeInUnit(h.queueName, found.key, c.unit)) {
+          if (newUnit) c.unit = 0;
+          continue;
+        }
+      } else if (!store_->removeMessage(h.queueName, found.key)) {
+        continue;
+      }
+    }
     const int32_t copied = std::min(length, bufferLength);
     if (copied > 0) std::memcpy(buffer, bytes, copied);
     const vxMSGDESC asked = md;
@@ -594,17 +619,9 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
 
     GetResult result;
     result.dataLength = length;
-    if (truncated && (options & GET_ACCEPT_TRUNCATED_MSG) == 0) {
+    if (refused) {
       result.outcome = {CC_FAILED, RC_MSG_TRUNCATED};
       return result;
-    }
-    if (!browse) {
-      if ((options & GET_SYNCPOINT) != 0) {
-        if (c.unit == 0) c.unit = ++lastUnit_;
-        store_->takeInUnit(h.queueName, found.key, c.unit);
-      } else {
-        store_->removeMessage(h.queueName, found.key);
-      }
     }
     if (truncated) {
       result.outcome = {CC_WARNING, RC_MSG_TRUNCATED_ACCEPTED};
@@ -910,11 +927,19 @@ void Registry::reset(const std::string &name) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = managers_.find(name);
     if (it == managers_.end()) return;
-    old = it->second;
-    it->second = std::make_shared<QueueManager>(name);
+    old = std::move(it->second);
+    managers_.erase(it);
     std::erase_if(connections_, [&](const auto &entry) { return entry.second == old; });
   }
-  old->shutdown();
+  // None when the queue manager could not be made (its store failed to open).
+  if (old) old->shutdown();
+  // Its store closes (backing out its units) before the new one opens,
+  // unless a get still waiting holds it.
+  old.reset();
+  // When the new one cannot be made, there is none until the next use.
+  auto fresh = std::make_shared<QueueManager>(name);
+  std::lock_guard<std::mutex> lock(mutex_);
+  managers_.try_emplace(name, std::move(fresh));
 }
 
 }  // namespace vxqm

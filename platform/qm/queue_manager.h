@@ -156,7 +156,10 @@ class QueueManager {
   Connection &connection(int32_t hconn);
   ObjectHandle &handle(Connection &connection, int32_t hobj);
   QueueDefinition definition(const std::string &queue) const;
+  // The run-time state of an existing queue, made on first use for a queue
+  // that another process sharing the store defined.
   QueueState &state(const std::string &queue);
+  std::shared_ptr<QueueState> sharedState(const std::string &queue);
   int32_t openHandle(int32_t hconn, Connection &connection, vxOBJDESC &od, int32_t options);
   ObjectHandle openObject(int32_t hconn, vxOBJDESC &od, int32_t options);
   std::string createDynamicQueue(const QueueDefinition &model, const std::string &dynamicName,

@@ -5,7 +5,9 @@
 // which all live above it.
 //
 // A store is not thread safe: its queue manager calls it only while holding
-// its own mutex, and never while waiting.
+// its own mutex, and never while waiting.  A store may fail: it throws
+// Failure (queue_manager.h) with the reason, after undoing what the call had
+// begun, or std::bad_alloc.
 #ifndef VX_QM_STORE_H
 #define VX_QM_STORE_H
 
@@ -57,9 +59,11 @@ struct Selection {
   std::optional<MessageKey> after;  // a browse-next cursor: only later messages
 };
 
-// What a search found: the message (valid until the next call that changes
-// the store), its key, and the earliest time a matching message that is not
-// visible yet (a delayed put) becomes visible, or max when there is none.
+// What a search found: the message, its key, and the earliest time a
+// matching message that is not visible yet (a delayed put) becomes visible,
+// or max when there is none.  The message stays valid until the next call
+// that changes the store; the removeMessage or takeInUnit of that message
+// itself leaves it valid until the call after.
 struct Found {
   const Message *message = nullptr;
   MessageKey key;
@@ -86,9 +90,12 @@ class Store {
   // visible and not expired at `now`.
   virtual Found findMessage(const std::string &queue, const Selection &selection,
                             Clock::time_point now) const = 0;
-  virtual void removeMessage(const std::string &queue, const MessageKey &key) = 0;
+  // Both return false when the message is no longer available: a store
+  // shared with other processes may have seen it taken by one of them since
+  // it was found, and the get must look again.
+  virtual bool removeMessage(const std::string &queue, const MessageKey &key) = 0;
   // An available message got under syncpoint: invisible until its unit ends.
-  virtual void takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
+  virtual bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
   // Removes the messages expired at `now`; returns how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;
   virtual void clearQueue(const std::string &queue) = 0;
@@ -102,10 +109,30 @@ class Store {
   // meanwhile are gone and are skipped.
   virtual std::vector<std::string> commit(uint64_t unit) = 0;
   virtual std::vector<std::string> backout(uint64_t unit) = 0;
+
+  // True when other processes change the store too: they cannot signal this
+  // process's waiting gets, which then look again every kSharedPollInterval.
+  virtual bool shared() const { return false; }
 };
 
+constexpr std::chrono::milliseconds kSharedPollInterval{10};
+
 // A store that keeps everything in memory, for the life of its queue manager.
+// A sequence source, when given, numbers the messages (it must only grow).
 std::unique_ptr<Store> makeMemoryStore();
+std::unique_ptr<Store> makeMemoryStore(uint64_t (*nextSequence)(void *context), void *context);
+
+// The store of a queue manager with a data directory: definitions and
+// persistent messages in the SQLite database `path`, shared with the other
+// processes that open it; non-persistent messages and temporary dynamic
+// queues in memory, for this process alone (docs/persistence.md).  Throws
+// Failure when the database cannot be opened.
+std::unique_ptr<Store> makeSqliteStore(const std::string &path);
+
+// The store of a new queue manager: a SQLite store in the directory named by
+// the environment variable VXQM_DATA (`<dir>/<qmName>.db`), else a memory
+// store.
+std::unique_ptr<Store> makeStore(const std::string &qmName);
 
 }  // namespace vxqm
 

@@ -73,6 +73,7 @@ inline const ReasonName kReasonNames[] = {
     {RC_PUT_OPTIONS_ERROR, "RC_PUT_OPTIONS_ERROR"},
     {RC_GET_OPTIONS_ERROR, "RC_GET_OPTIONS_ERROR"},
     {RC_UNEXPECTED_ERROR, "RC_UNEXPECTED_ERROR"},
+    {RC_STORE_ERROR, "RC_STORE_ERROR"},
 };
 
 // "RC_Q_FULL (2053)", or the bare number.

@@ -84,10 +84,20 @@ TEST_F(QmStore, SelectionByIds) {
   EXPECT_EQ(store->findMessage("Q", selection, now).message->data[0], '1');
 }
 
+TEST_F(QmStore, TheMessageRemovedStaysReadableUntilTheNextCall) {
+  store->addMessage("Q", message(4), MessageState::kAvailable, 0);
+  const Found found = store->findMessage("Q", {}, now);
+  ASSERT_NE(found.message, nullptr);
+  EXPECT_TRUE(store->removeMessage("Q", found.key));
+  EXPECT_EQ(found.message->data[0], '4');
+  EXPECT_FALSE(store->removeMessage("Q", found.key));  // gone already
+  EXPECT_EQ(store->depth("Q"), 0);
+}
+
 TEST_F(QmStore, UnitsOfWork) {
   store->addMessage("Q", message(1), MessageState::kPutInUnit, 7);
   const MessageKey got = store->addMessage("Q", message(2), MessageState::kAvailable, 0);
-  store->takeInUnit("Q", got, 7);
+  EXPECT_TRUE(store->takeInUnit("Q", got, 7));
   EXPECT_EQ(store->findMessage("Q", {}, now).message, nullptr);
   EXPECT_EQ(store->depth("Q"), 2);
   EXPECT_EQ(store->backout(7), (std::vector<std::string>{"Q"}));
@@ -95,7 +105,7 @@ TEST_F(QmStore, UnitsOfWork) {
   const Found restored = store->findMessage("Q", {}, now);
   ASSERT_NE(restored.message, nullptr);
   EXPECT_EQ(restored.message->descriptor.backoutCount, 1);
-  store->takeInUnit("Q", restored.key, 8);
+  EXPECT_TRUE(store->takeInUnit("Q", restored.key, 8));
   store->addMessage("Q", message(3), MessageState::kPutInUnit, 8);
   EXPECT_EQ(store->commit(8), (std::vector<std::string>{"Q"}));
   EXPECT_EQ(store->depth("Q"), 1);

@@ -1,0 +1,146 @@
+// Benchmark of the persistent store, run by hand: messages per second of
+// putting then getting persistent 256-byte messages through a queue manager
+// over a SQLite database, beside the same through a queue manager in memory,
+// and beside plain SQLite inserts of the same rows (same table, same index,
+// same settings), each in a transaction of its own: the limit a persistent
+// put is measured against.
+// Usage: bench_store [messages]   (default 10000); the databases go in a new
+// directory under /tmp, removed at the end.
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "qm.h"
+#include "qm_admin.h"
+#include "vxqi.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int32_t kMessageLength = 256;
+
+double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+void check(bool good, const char *what) {
+  if (!good) {
+    std::fprintf(stderr, "%s failed\n", what);
+    std::exit(1);
+  }
+}
+
+struct Rates {
+  double put;
+  double get;
+};
+
+// Puts then gets `count` persistent messages through the queue manager
+// `qmName`, created in this process with the environment as it is.
+Rates throughQueueManager(const char *qmName, int count) {
+  vxqm::QueueChanges changes;
+  changes.maxDepth = count;
+  check(vxqm::admin::createQueue(qmName, "BENCH", changes) == RC_NONE, "create queue");
+  char name[QM_NAME_LENGTH] = {};
+  std::memcpy(name, qmName, std::strlen(qmName));
+  int32_t hconn = 0, cc = 0, rc = 0;
+  qmCONN(name, &hconn, &cc, &rc, 0);
+  check(cc == CC_OK, "connect");
+  vxOBJDESC od = OD_DEFAULT;
+  std::memcpy(od.objectName, "BENCH", 5);
+  int32_t hobj = 0;
+  qmOPEN(hconn, &od, OPEN_OUTPUT | OPEN_INPUT_SHARED, &hobj, &cc, &rc);
+  check(cc == CC_OK, "open");
+  std::vector<char> data(kMessageLength, 'x');
+
+  const Clock::time_point putStart = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    vxMSGDESC md = MD_DEFAULT;
+    md.persistence = PERSISTENCE_PERSISTENT;
+    vxPUTOPTS pmo = PMO_DEFAULT;
+    qmPUT(hconn, hobj, &md, &pmo, kMessageLength, data.data(), 0, &cc, &rc);
+    check(cc == CC_OK, "put");
+  }
+  const Clock::duration putTime = Clock::now() - putStart;
+
+  const Clock::time_point getStart = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    vxMSGDESC md = MD_DEFAULT;
+    vxGETOPTS gmo = GMO_DEFAULT;
+    int32_t length = 0;
+    qmGET(hconn, hobj, &md, &gmo, kMessageLength, data.data(), &length, 0, &cc, &rc);
+    check(cc == CC_OK, "get");
+  }
+  const Clock::duration getTime = Clock::now() - getStart;
+  qmDISC(&hconn, 0, &cc, &rc);
+  return {count / seconds(putTime), count / seconds(getTime)};
+}
+
+// The same rows inserted with SQLite alone, one transaction each.
+double plainInserts(const std::string &path, int count) {
+  sqlite3 *db = nullptr;
+  check(sqlite3_open(path.c_str(), &db) == SQLITE_OK, "sqlite open");
+  const char *setup =
+      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+      "CREATE TABLE messages (seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL,"
+      " priority INTEGER NOT NULL, state INTEGER NOT NULL, owner TEXT,"
+      " unit INTEGER NOT NULL DEFAULT 0, msg_id BLOB NOT NULL, correl_id BLOB NOT NULL,"
+      " backout INTEGER NOT NULL DEFAULT 0, expires INTEGER, visible INTEGER,"
+      " descriptor BLOB NOT NULL, data BLOB NOT NULL);"
+      "CREATE INDEX messages_order ON messages (queue, state, priority DESC, seq);";
+  check(sqlite3_exec(db, setup, nullptr, nullptr, nullptr) == SQLITE_OK, "sqlite schema");
+  sqlite3_stmt *insert = nullptr;
+  check(sqlite3_prepare_v2(db,
+                           "INSERT INTO messages (queue, priority, state, unit, msg_id,"
+                           " correl_id, descriptor, data) VALUES (?1, 0, 0, 0, ?2, ?3, ?4, ?5)",
+                           -1, &insert, nullptr) == SQLITE_OK,
+        "sqlite prepare");
+  const vxMSGDESC md = MD_DEFAULT;
+  std::vector<char> data(kMessageLength, 'x');
+  const Clock::time_point start = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    char id[MSG_ID_LENGTH] = {};
+    std::memcpy(id, &i, sizeof i);
+    sqlite3_bind_text(insert, 1, "BENCH", 5, SQLITE_STATIC);
+    sqlite3_bind_blob(insert, 2, id, MSG_ID_LENGTH, SQLITE_STATIC);
+    sqlite3_bind_blob(insert, 3, md.correlId, CORREL_ID_LENGTH, SQLITE_STATIC);
+    sqlite3_bind_blob(insert, 4, &md, sizeof md, SQLITE_STATIC);
+    sqlite3_bind_blob(insert, 5, data.data(), kMessageLength, SQLITE_STATIC);
+    check(sqlite3_step(insert) == SQLITE_DONE, "sqlite insert");
+    sqlite3_reset(insert);
+  }
+  const Clock::duration time = Clock::now() - start;
+  sqlite3_finalize(insert);
+  sqlite3_close(db);
+  return count / seconds(time);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const int count = argc > 1 ? std::atoi(argv[1]) : 10000;
+  char pattern[] = "/tmp/vxqm-bench-XXXXXX";
+  check(mkdtemp(pattern) != nullptr, "mkdtemp");
+  const std::string directory = pattern;
+
+  setenv("VXQM_DATA", directory.c_str(), 1);
+  const Rates persistent = throughQueueManager("BENCH.SQLITE", count);
+  unsetenv("VXQM_DATA");
+  const Rates memory = throughQueueManager("BENCH.MEMORY", count);
+  const double plain = plainInserts(directory + "/plain.db", count);
+  std::filesystem::remove_all(directory);
+
+  std::printf("%d persistent messages of %d bytes, messages per second\n", count, kMessageLength);
+  std::printf("  %-34s put %9.0f   get %9.0f\n", "queue manager, SQLite store", persistent.put,
+              persistent.get);
+  std::printf("  %-34s put %9.0f   get %9.0f\n", "queue manager, memory store", memory.put,
+              memory.get);
+  std::printf("  %-34s put %9.0f\n", "plain SQLite insert, one each", plain);
+  std::printf("  persistent put takes %.2fx the time of a plain insert (target: 2x or less)\n",
+              plain / persistent.put);
+  return 0;
+}

@@ -1,0 +1,352 @@
+// A queue manager with a data directory: what survives a restart (a reset
+// opens the queue manager again from its database), and what two processes
+// on the same directory see of each other (the second one is qm_peer).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "qm_admin.h"
+#include "qm_testing.h"
+
+extern char **environ;
+
+namespace {
+
+using qmtest::Connection;
+using qmtest::failed;
+using qmtest::ok;
+using qmtest::Status;
+
+constexpr const char *kQm = "PQM";
+
+// A second process: qm_peer with its arguments, its standard output in a pipe.
+class Peer {
+ public:
+  explicit Peer(const std::vector<std::string> &arguments) {
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    std::vector<std::string> all{QM_PEER, kQm};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    std::vector<char *> argv;
+    for (std::string &a : all) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    if (posix_spawn(&pid_, QM_PEER, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    out_ = fds[0];
+  }
+  ~Peer() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (out_ >= 0) close(out_);
+  }
+  Peer(const Peer &) = delete;
+  Peer &operator=(const Peer &) = delete;
+
+  // The next line of its output, or false at its end.
+  bool line(std::string *text) {
+    text->clear();
+    char c;
+    while (read(out_, &c, 1) == 1) {
+      if (c == '\n') return true;
+      *text += c;
+    }
+    return !text->empty();
+  }
+  std::vector<std::string> lines() {
+    std::vector<std::string> all;
+    std::string text;
+    while (line(&text)) all.push_back(text);
+    return all;
+  }
+  // Its exit status, once it ended.
+  int wait() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  void kill9() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int out_ = -1;
+};
+
+class QmPersist : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/vxqm-data-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    directory_ = pattern;
+    setenv("VXQM_DATA", directory_.c_str(), 1);
+    vxqm::test::reset(kQm);  // a queue manager left by another test reads it again
+  }
+  void TearDown() override {
+    vxqm::test::reset(kQm);
+    unsetenv("VXQM_DATA");
+    vxqm::test::reset(kQm);  // back in memory: the files can go
+    std::filesystem::remove_all(directory_);
+  }
+  // Drops the queue manager of the process and opens it again.
+  void restart() { vxqm::test::reset(kQm); }
+
+  void createQueue(const std::string &name, int32_t persistence = 0) {
+    vxqm::QueueChanges changes;
+    changes.maxDepth = 100000;
+    changes.defaultPersistence = persistence;
+    ASSERT_EQ(vxqm::admin::createQueue(kQm, name, changes), RC_NONE);
+  }
+
+  static Status putPersistence(Connection &c, int32_t hobj, const std::string &data,
+                               int32_t persistence, int32_t options = 0) {
+    vxMSGDESC md = MD_DEFAULT;
+    md.persistence = persistence;
+    return c.put(hobj, data, &md, options);
+  }
+
+  // Every message on the queue, got in order.
+  static std::vector<std::string> drain(const std::string &queue) {
+    Connection c(kQm);
+    int32_t hobj = c.open(queue, OPEN_INPUT_SHARED);
+    std::vector<std::string> got;
+    std::string data;
+    while (c.get(hobj, &data) == ok()) got.push_back(data);
+    return got;
+  }
+
+  std::string directory_;
+};
+
+TEST_F(QmPersist, TheDatabaseIsOneFileInTheDataDirectory) {
+  Connection c(kQm);
+  EXPECT_TRUE(std::filesystem::exists(directory_ + "/PQM.db"));
+}
+
+TEST_F(QmPersist, ADatabaseThatCannotBeMadeIsAStoreError) {
+  const std::string notADirectory = directory_ + "/file";
+  std::fclose(std::fopen(notADirectory.c_str(), "w"));
+  setenv("VXQM_DATA", notADirectory.c_str(), 1);
+  vxqm::test::reset(kQm);
+  char name[QM_NAME_LENGTH] = "PQM";
+  int32_t hconn = 0;
+  Status s;
+  qmCONN(name, &hconn, &s.compCode, &s.reason, 0);
+  EXPECT_EQ(s, failed(RC_STORE_ERROR));
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+  vxqm::test::reset(kQm);  // nothing to reset: no queue manager was made
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+  Connection c(kQm);  // the next connect makes it
+}
+
+TEST_F(QmPersist, DefinitionsAndPersistentMessagesSurviveARestart) {
+  createQueue("KEPT");
+  vxqm::QueueChanges changes;
+  changes.description = "changed";
+  ASSERT_EQ(vxqm::admin::changeQueue(kQm, "SYSTEM.DEFAULT.LOCAL.QUEUE", changes), RC_NONE);
+  {
+    Connection c(kQm);
+    int32_t hobj = c.open("KEPT", OPEN_OUTPUT);
+    EXPECT_EQ(putPersistence(c, hobj, "persistent", PERSISTENCE_PERSISTENT), ok());
+    EXPECT_EQ(putPersistence(c, hobj, "not persistent", PERSISTENCE_NOT_PERSISTENT), ok());
+    EXPECT_EQ(vxqm::test::messageCount(kQm, "KEPT"), 2);
+  }
+  restart();
+  vxqm::QueueDefinition definition;
+  ASSERT_EQ(vxqm::admin::queueAttributes(kQm, "KEPT", &definition), RC_NONE);
+  EXPECT_EQ(definition.maxDepth, 100000);
+  ASSERT_EQ(vxqm::admin::queueAttributes(kQm, "SYSTEM.DEFAULT.LOCAL.QUEUE", &definition), RC_NONE);
+  EXPECT_EQ(definition.description, "changed");  // not redefined by the restart
+  EXPECT_EQ(vxqm::test::queueCount(kQm), 4);
+  EXPECT_EQ(drain("KEPT"), (std::vector<std::string>{"persistent"}));
+}
+
+TEST_F(QmPersist, PersistenceAsTheQueueDefault) {
+  createQueue("DEFAULT.P", PERSISTENCE_PERSISTENT);
+  createQueue("DEFAULT.N", PERSISTENCE_NOT_PERSISTENT);
+  {
+    Connection c(kQm);
+    int32_t p = c.open("DEFAULT.P", OPEN_OUTPUT);
+    int32_t n = c.open("DEFAULT.N", OPEN_OUTPUT);
+    EXPECT_EQ(putPersistence(c, p, "p", PERSISTENCE_AS_Q_DEF), ok());
+    EXPECT_EQ(putPersistence(c, n, "n", PERSISTENCE_AS_Q_DEF), ok());
+    EXPECT_EQ(putPersistence(c, n, "n-but-persistent", PERSISTENCE_PERSISTENT), ok());
+  }
+  restart();
+  EXPECT_EQ(drain("DEFAULT.P"), (std::vector<std::string>{"p"}));
+  EXPECT_EQ(drain("DEFAULT.N"), (std::vector<std::string>{"n-but-persistent"}));
+}
+
+TEST_F(QmPersist, AnOpenUnitOfWorkEndsWithItsQueueManager) {
+  createQueue("UNIT");
+  {
+    Connection c(kQm);
+    int32_t hobj = c.open("UNIT", OPEN_OUTPUT);
+    EXPECT_EQ(putPersistence(c, hobj, "committed", PERSISTENCE_PERSISTENT), ok());
+  }
+  Connection c(kQm);
+  int32_t hobj = c.open("UNIT", OPEN_OUTPUT | OPEN_INPUT_SHARED);
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data, GET_SYNCPOINT), ok());
+  EXPECT_EQ(putPersistence(c, hobj, "uncommitted", PERSISTENCE_PERSISTENT, PUT_SYNCPOINT), ok());
+  restart();  // the connection ends without a commit
+  vxMSGDESC md = MD_DEFAULT;
+  Connection again(kQm);
+  int32_t in = again.open("UNIT", OPEN_INPUT_SHARED);
+  EXPECT_EQ(again.get(in, &data, 0, 0, &md), ok());
+  EXPECT_EQ(data, "committed");
+  EXPECT_EQ(md.backoutCount, 1);
+  EXPECT_EQ(again.get(in, &data), failed(RC_NO_MSG_AVAILABLE));
+}
+
+TEST_F(QmPersist, NonPersistentMessagesAreNotSeenByAnotherProcess) {
+  createQueue("MIXED");
+  Connection c(kQm);
+  int32_t hobj = c.open("MIXED", OPEN_OUTPUT | OPEN_INPUT_SHARED);
+  EXPECT_EQ(putPersistence(c, hobj, "np", PERSISTENCE_NOT_PERSISTENT), ok());
+  EXPECT_EQ(putPersistence(c, hobj, "p", PERSISTENCE_PERSISTENT), ok());
+  Peer peer({"drain", "MIXED", "100"});
+  EXPECT_EQ(peer.lines(), (std::vector<std::string>{"p"}));
+  EXPECT_EQ(peer.wait(), 0);
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "np");
+  EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));
+}
+
+TEST_F(QmPersist, AUnitIsInvisibleToAnotherProcessUntilCommitted) {
+  createQueue("SYNC");
+  Connection c(kQm);
+  int32_t hobj = c.open("SYNC", OPEN_OUTPUT);
+  EXPECT_EQ(putPersistence(c, hobj, "later", PERSISTENCE_PERSISTENT, PUT_SYNCPOINT), ok());
+  {
+    Peer peer({"drain", "SYNC", "0"});
+    EXPECT_TRUE(peer.lines().empty());
+    EXPECT_EQ(peer.wait(), 0);
+  }
+  EXPECT_EQ(c.commit(), ok());
+  Peer peer({"drain", "SYNC", "0"});
+  EXPECT_EQ(peer.lines(), (std::vector<std::string>{"later"}));
+  EXPECT_EQ(peer.wait(), 0);
+}
+
+TEST_F(QmPersist, TheUnitOfAProcessThatDiesIsBackedOut) {
+  createQueue("DIES");
+  {
+    Connection c(kQm);
+    int32_t hobj = c.open("DIES", OPEN_OUTPUT);
+    EXPECT_EQ(putPersistence(c, hobj, "taken", PERSISTENCE_PERSISTENT), ok());
+  }
+  Peer peer({"unit", "DIES"});
+  std::string line;
+  ASSERT_TRUE(peer.line(&line));
+  EXPECT_EQ(line, "ready");
+  EXPECT_EQ(vxqm::test::messageCount(kQm, "DIES"), 2);  // its get and its put, both in its unit
+  peer.kill9();
+  restart();  // opening the store ends the units of processes that died
+  Connection c(kQm);
+  int32_t hobj = c.open("DIES", OPEN_INPUT_SHARED);
+  vxMSGDESC md = MD_DEFAULT;
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data, 0, 0, &md), ok());
+  EXPECT_EQ(data, "taken");
+  EXPECT_EQ(md.backoutCount, 1);
+  EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // its put vanished
+}
+
+TEST_F(QmPersist, AWaitingGetSeesAPutOfAnotherProcessWithin50ms) {
+  createQueue("WAKE");
+  Connection c(kQm);
+  int32_t hobj = c.open("WAKE", OPEN_INPUT_SHARED);
+  Peer peer({"putafter", "WAKE", "300"});
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data, GET_WAIT, 10000), ok());
+  const auto gotAt = std::chrono::steady_clock::now().time_since_epoch();
+  EXPECT_EQ(data, "wake");
+  std::string line;
+  ASSERT_TRUE(peer.line(&line));
+  const auto putAt = std::chrono::nanoseconds(std::stoll(line));
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(gotAt - putAt).count(), 50);
+  EXPECT_EQ(peer.wait(), 0);
+}
+
+TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
+  createQueue("SHARED");
+  constexpr int kEach = 5000;
+  // Two processes put half each while two others take whatever comes, in
+  // competition for every message; the test takes what is left.
+  Peer putterA({"put", "SHARED", std::to_string(kEach), "A"});
+  Peer putterB({"put", "SHARED", std::to_string(kEach), "B"});
+  Peer getterA({"drain", "SHARED", "1000"});
+  Peer getterB({"drain", "SHARED", "1000"});
+  EXPECT_EQ(putterA.lines().size(), static_cast<size_t>(kEach));
+  EXPECT_EQ(putterB.lines().size(), static_cast<size_t>(kEach));
+  EXPECT_EQ(putterA.wait(), 0);
+  EXPECT_EQ(putterB.wait(), 0);
+  std::vector<std::string> got = getterA.lines();
+  const std::vector<std::string> more = getterB.lines();
+  EXPECT_EQ(getterA.wait(), 0);
+  EXPECT_EQ(getterB.wait(), 0);
+  const std::vector<std::string> left = drain("SHARED");
+  got.insert(got.end(), more.begin(), more.end());
+  got.insert(got.end(), left.begin(), left.end());
+  std::multiset<std::string> counted(got.begin(), got.end());
+  std::set<std::string> expected;
+  for (int i = 0; i < kEach; ++i) {
+    expected.insert("A" + std::to_string(i));
+    expected.insert("B" + std::to_string(i));
+  }
+  EXPECT_EQ(counted.size(), expected.size()) << "a message was lost or delivered twice";
+  std::string missing;  // what was not delivered exactly once
+  for (const std::string &message : expected) {
+    if (counted.count(message) != 1) {
+      missing += " " + message + " (" + std::to_string(counted.count(message)) + " times)";
+    }
+  }
+  std::string unexpected;
+  for (const std::string &message : counted) {
+    if (expected.count(message) == 0) unexpected += " [" + message + "]";
+  }
+  EXPECT_EQ(missing, "") << "not delivered once; others:" << unexpected;
+}
+
+TEST_F(QmPersist, EveryPutThatReturnedSurvivesAKill) {
+  createQueue("KILLED");
+  Peer peer({"put", "KILLED", "1000000", "M"});
+  std::string line;
+  std::set<std::string> reported;
+  while (reported.size() < 500 && peer.line(&line)) reported.insert("M" + line);
+  peer.kill9();
+  while (peer.line(&line)) reported.insert("M" + line);  // reported before it died
+  ASSERT_GE(reported.size(), 500u);
+  restart();
+  const std::vector<std::string> got = drain("KILLED");
+  const std::set<std::string> stored(got.begin(), got.end());
+  for (const std::string &message : reported) {
+    EXPECT_EQ(stored.count(message), 1u) << message << " was reported put and is gone";
+  }
+  EXPECT_LE(stored.size(), reported.size() + 1);  // at most the put it was killed in
+}
+
+}  // namespace
