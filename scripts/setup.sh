@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs what the build needs when it is missing: a 32-bit C and C++
 # tool chain with its sanitizer run-times, CMake, Ninja, the GoogleTest
-# sources, valgrind with the 32-bit C library's debugging symbols (helgrind
+# sources, the header-only CLI11 and nlohmann/json that vxadmin uses,
+# pkg-config, valgrind with the 32-bit C library's debugging symbols (helgrind
 # needs them), and any further packages named as arguments.  Safe to run
 # again; does nothing when all is there.
 #
@@ -30,6 +31,9 @@ need ninja-build
 need googletest
 need binutils
 need clang-format
+need libcli11-dev
+need nlohmann-json3-dev
+need pkg-config
 need valgrind
 need libc6-dbg:i386
 
