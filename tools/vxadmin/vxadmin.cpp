@@ -204,6 +204,7 @@ void printTable(std::ostream &out, const std::vector<std::vector<std::string>> &
       line += row[c];
       if (c + 1 < row.size()) line += std::string(widths[c] - row[c].size() + 2, ' ');
     }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
     out << line << "\n";
   }
 }
@@ -614,14 +615,14 @@ Outcome putMessage(Parser &parser, Session &session, std::istream *commandInput)
   std::string data;
   if (parser.put->count("TEXT")) {
     data = args.text;
-    if (parser.put->count("--file")) throw UsageError{"put: give either TEXT or --file"};
+    if (parser.put->count("--file")) throw UsageError{"give either TEXT or --file"};
   } else if (parser.put->count("--file")) {
     std::ifstream file(args.file, std::ios::binary);
-    if (!file) throw UsageError{"put: " + args.file + ": " + std::strerror(errno)};
+    if (!file) throw UsageError{args.file + ": " + std::strerror(errno)};
     data = readAll(file);
   } else {
     if (commandInput == &std::cin)
-      throw UsageError{"put: give TEXT or --file (standard input holds the commands)"};
+      throw UsageError{"give TEXT or --file (standard input holds the commands)"};
     data = readAll(std::cin);
   }
   std::string what = "put " + args.name;
@@ -643,7 +644,6 @@ Outcome putMessage(Parser &parser, Session &session, std::istream *commandInput)
   document["msg_id"] = hex(md.msgId, MSG_ID_LENGTH);
   document["length"] = data.size();
   document["persistence"] = vxnames::valueName(ATTR_DEF_PERSISTENCE, md.persistence);
-  document["priority"] = md.priority;
   emit(parser, document,
        "put " + std::to_string(data.size()) + " bytes on " + args.name + " (" +
            document["persistence"].get<std::string>() + "), message id " +
@@ -704,7 +704,8 @@ Outcome getMessages(Parser &parser, Session &session) {
     message["priority"] = md.priority;
     message["data"] = data;
     messages.push_back(message);
-    text += data + "\n";
+    text += data;
+    if (data.empty() || data.back() != '\n') text += "\n";
   }
   VXCLOSE(hconn, &hobj, CLOSE_NONE, &compCode, &reason);
   if (!messages.empty()) {
