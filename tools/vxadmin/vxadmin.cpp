@@ -427,7 +427,7 @@ struct Arguments {
   GlobalOptions global;
   std::string name, toName, pattern, text, file, type = "local", wait, count;
   std::string priority;
-  bool purge = false, browse = false, nonPersistent = false, keepGoing = false;
+  bool purge = false, browse = false, nonPersistent = false, keepGoing = false, echo = false;
   QueueAttributes attributes;
   std::string shellFile;
 };
@@ -504,6 +504,7 @@ struct Parser {
       shell = command(&app, "shell", "run commands from standard input or a file, one per line");
       shell->add_option("FILE", args.shellFile, "file of commands (default: standard input)");
       shell->add_flag("--keep-going", args.keepGoing, "go on after a failure");
+      shell->add_flag("--echo", args.echo, "print each command before its output");
     } else {
       shell = nullptr;
     }
@@ -898,6 +899,7 @@ Outcome runShell(Parser &parser, Session &session) {
     try {
       std::vector<std::string> words = splitLine(line);
       if (words.empty()) continue;
+      if (parser.args.echo) std::cout << "vxadmin> " << line << std::endl;
       if (parser.args.global.json) words.insert(words.begin(), "--json");
       outcome = runCommand(words, &session, true, in);
     } catch (const UsageError &error) {
