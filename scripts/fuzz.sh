@@ -46,6 +46,7 @@ for source in lib/vxai/*.cpp lib/vxi/*.cpp; do
 done
 clang++ $common -fsanitize=fuzzer-no-link -c tests/fuzz/fuzz_pcf.cpp -o "$build/obj/fuzz_pcf.o"
 clang++ -m32 -pthread -fsanitize=fuzzer,address,undefined $objects "$build/obj/fuzz_pcf.o" \
+  /usr/lib/i386-linux-gnu/libsqlite3.so.0 \
   -o "$build/fuzz_pcf"
 
 # libFuzzer adds what it finds to its first corpus directory: give it a

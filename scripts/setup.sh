@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs what the build needs when it is missing: a 32-bit C and C++
 # tool chain with its sanitizer run-times, CMake, Ninja, the GoogleTest
-# sources, valgrind with the 32-bit C library's debugging symbols (helgrind
+# sources, the header-only CLI11 and nlohmann/json that vxadmin uses,
+# pkg-config, valgrind with the 32-bit C library's debugging symbols (helgrind
 # needs them), the 32-bit SQLite run-time with the (architecture-independent)
 # SQLite header of the native development package, and any further packages
 # named as arguments.  Safe to run
@@ -32,6 +33,9 @@ need ninja-build
 need googletest
 need binutils
 need clang-format
+need libcli11-dev
+need nlohmann-json3-dev
+need pkg-config
 need valgrind
 need libc6-dbg:i386
 need libsqlite3-0:i386

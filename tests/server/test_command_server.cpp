@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <thread>
@@ -20,6 +19,7 @@
 #include "qm_test.h"
 #include "svc.h"
 #include "vxai.h"
+#include "vxnames.h"
 #include "vxqi.h"
 
 namespace {
@@ -32,28 +32,8 @@ constexpr int32_t kPcfTypeCommand = 1;
 constexpr int32_t kPcfTypeResponse = 2;
 
 std::string reasonName(int32_t reason) {
-  static const std::map<int32_t, std::string> names = {
-      {0, "RC_NONE"},
-      {RC_Q_NOT_EMPTY, "RC_Q_NOT_EMPTY"},
-      {RC_OBJECT_IN_USE, "RC_OBJECT_IN_USE"},
-      {RC_OBJECT_TYPE_ERROR, "RC_OBJECT_TYPE_ERROR"},
-      {RC_STORAGE_NOT_AVAILABLE, "RC_STORAGE_NOT_AVAILABLE"},
-      {RC_UNKNOWN_OBJECT_NAME, "RC_UNKNOWN_OBJECT_NAME"},
-      {RC_OBJECT_ALREADY_EXISTS, "RC_OBJECT_ALREADY_EXISTS"},
-      {RC_OBJECT_NAME_ERROR, "RC_OBJECT_NAME_ERROR"},
-      {RC_Q_MGR_NAME_ERROR, "RC_Q_MGR_NAME_ERROR"},
-      {RC_OPTIONS_ERROR, "RC_OPTIONS_ERROR"},
-      {RC_COMMAND_TYPE_ERROR, "RC_COMMAND_TYPE_ERROR"},
-      {RC_PCF_FORMAT_ERROR, "RC_PCF_FORMAT_ERROR"},
-      {RC_FORMAT_NOT_SUPPORTED, "RC_FORMAT_NOT_SUPPORTED"},
-      {RC_PARAMETER_MISSING, "RC_PARAMETER_MISSING"},
-      {RC_COMMAND_SERVER_NOT_AVAILABLE, "RC_COMMAND_SERVER_NOT_AVAILABLE"},
-      {RC_COMMAND_FAILED, "RC_COMMAND_FAILED"},
-      {RC_COMMAND_NOT_SUPPORTED, "RC_COMMAND_NOT_SUPPORTED"},
-      {RC_PARAMETER_ERROR, "RC_PARAMETER_ERROR"},
-  };
-  auto found = names.find(reason);
-  return (found == names.end() ? std::string("reason") : found->second) + " (" +
+  const vxnames::Reason *entry = vxnames::findReason(reason);
+  return (entry ? std::string(entry->name) : std::string("reason")) + " (" +
          std::to_string(reason) + ")";
 }
 

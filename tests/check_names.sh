@@ -1,0 +1,18 @@
+#!/bin/sh
+# Every reason code and every attribute or parameter selector of the public
+# headers has its entry in the one table of names (tools/names/vxnames.cpp).
+#
+#   check_names.sh SOURCE_DIR
+set -u
+source=$1
+table=$source/tools/names/vxnames.cpp
+missing=0
+for name in $(sed -n -E 's/^#define ((RC|ATTR|PARM)_[A-Z0-9_]+) .*/\1/p' \
+    "$source/lib/vxai/vxai.h" "$source/lib/vxi/vxqi.h" "$source/server/command_server.h" | sort -u); do
+  [ "$name" = ATTR_FIRST_CHAR_SELECTOR ] && continue
+  if ! grep -q "\"$name\"" "$table"; then
+    echo "no entry for $name in $table"
+    missing=1
+  fi
+done
+exit $missing
