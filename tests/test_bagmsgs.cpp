@@ -368,7 +368,6 @@ TEST_F(BagMessageTest, AConvertedGetReadsStringsInTheCallersCharacterSet) {
 
 TEST_F(BagMessageTest, GetTraceRefersToTheQueueCall) {
   VXHBAG received = newBag(0);
-  vxMSGDESC md = MD_DEFAULT;
   vxtest::TraceCapture trace;
   vxGetBag(hconn_, hobj_, nullptr, &gmo_, received, &cc_, &rc_);
   using vxtest::dataOf;
@@ -395,7 +394,6 @@ TEST_F(BagMessageTest, GetTraceRefersToTheQueueCall) {
                                   dataOf(CC_FAILED),
                                   "Reason:",
                                   dataOf(RC_MSG_DESCRIPTOR_ERROR)}));
-  (void)md;
 }
 
 }  // namespace
