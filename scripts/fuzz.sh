@@ -20,7 +20,7 @@ seconds=${FUZZ_SECONDS:-60}
 mkdir -p "$build/obj" "$build/artifacts"
 build=$(cd "$build" && pwd)
 
-common="-m32 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
+common="-m32 -D_FILE_OFFSET_BITS=64 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
   -Ilib/vxai -Ilib/vxi -Iplatform/svc -Iplatform/qm"
 

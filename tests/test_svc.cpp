@@ -241,18 +241,41 @@ TEST_F(SvcTest, RangeRunningIntoAReadOnlyPageFailsForWriting) {
   munmap(pair, 2 * page);
 }
 
-TEST_F(SvcTest, LengthWrappingTheAddressSpaceFails) {
-  // A stack variable of a 32-bit process lies high enough that a positive
-  // 32-bit length can run past the end of the address space from it.
-  char local = 'x';
-  const auto at = reinterpret_cast<uintptr_t>(&local);
-  ASSERT_GT(at, 0x80000000u) << "the stack lies too low for this check";
-  const auto wrapping = static_cast<int32_t>(0xFFFFFFFFu - at + 2);
-  for (int32_t mode : kModes) {
-    EXPECT_NE(svcCheckPointer(&local, wrapping, mode), 0) << "mode " << mode;
-    EXPECT_NE(svcCheckPointer(&local, INT32_MAX, mode), 0) << "mode " << mode;
+// A page mapped in the upper half of the address space, where a positive
+// 32-bit length can run past its end.  Native 32-bit processes have their
+// stack there; under an emulator the stack may lie low, so the page is asked
+// for at one of a few high addresses.
+struct HighPage {
+  char *at = nullptr;
+  const size_t length = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  HighPage() {
+    for (uintptr_t hint : {0xF0000000u, 0xE0000000u, 0xC0000000u, 0xA0000000u}) {
+      void *page = mmap(reinterpret_cast<void *>(hint), length, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+      if (page != MAP_FAILED) {
+        at = static_cast<char *>(page);
+        return;
+      }
+    }
   }
-  EXPECT_EQ(local, 'x');
+  ~HighPage() {
+    if (at) munmap(at, length);
+  }
+};
+
+TEST_F(SvcTest, LengthWrappingTheAddressSpaceFails) {
+  HighPage page;
+  ASSERT_NE(page.at, nullptr) << "no page could be mapped in the upper half of the address space";
+  char *local = page.at + 16;
+  *local = 'x';
+  const auto at = reinterpret_cast<uintptr_t>(local);
+  const auto wrapping = static_cast<int32_t>(0xFFFFFFFFu - at + 2);
+  ASSERT_GT(wrapping, 0);
+  for (int32_t mode : kModes) {
+    EXPECT_NE(svcCheckPointer(local, wrapping, mode), 0) << "mode " << mode;
+    EXPECT_NE(svcCheckPointer(local, INT32_MAX, mode), 0) << "mode " << mode;
+  }
+  EXPECT_EQ(*local, 'x');
 }
 
 TEST_F(SvcTest, LengthZeroOrLessChecksOneByte) {
