@@ -510,6 +510,14 @@ struct Parser {
     }
   }
 
+  // Makes the parser ready for another command line: nothing given yet,
+  // every value back to its default.  A shell parses each of its lines with
+  // one parser: building the parser costs more than most commands do.
+  void reset() {
+    app.clear();
+    args = Arguments{};
+  }
+
   static CLI::App *command(CLI::App *parent, const std::string &name, const std::string &what) {
     CLI::App *sub = parent->add_subcommand(name, what);
     sub->allow_extras();
@@ -540,9 +548,8 @@ std::vector<std::string> optionNames(CLI::App *leaf) {
 Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput);
 
 // Parses one command line (the words after "vxadmin") and carries it out.
-Outcome runCommand(std::vector<std::string> words, Session *session, bool inShell,
+Outcome runCommand(Parser &parser, std::vector<std::string> words, Session *session,
                    std::istream *commandInput) {
-  Parser parser(inShell);
   std::reverse(words.begin(), words.end());
   try {
     parser.app.parse(words);
@@ -894,6 +901,7 @@ Outcome runShell(Parser &parser, Session &session) {
   }
   int worst = kOk;
   std::string line;
+  Parser lineParser(true);
   for (int number = 1; std::getline(*in, line); ++number) {
     Outcome outcome;
     try {
@@ -901,10 +909,15 @@ Outcome runShell(Parser &parser, Session &session) {
       if (words.empty()) continue;
       if (parser.args.echo) std::cout << "vxadmin> " << line << std::endl;
       if (parser.args.global.json) words.insert(words.begin(), "--json");
-      outcome = runCommand(words, &session, true, in);
+      lineParser.reset();
+      outcome = runCommand(lineParser, words, &session, in);
     } catch (const UsageError &error) {
       outcome = {kFailure, error.message};
     }
+    // Each command's output leaves as the command ends: whoever reads it (a
+    // person at a terminal, a script at the other end of a pipe) sees what
+    // is done even while later lines are still running.
+    std::cout.flush();
     if (!outcome.message.empty())
       std::cerr << "vxadmin: " << source << number << ": " << outcome.message << "\n";
     worst = std::max(worst, outcome.status);
@@ -919,7 +932,8 @@ int main(int argc, char **argv) {
   std::vector<std::string> words(argv + 1, argv + argc);
   Outcome outcome;
   try {
-    outcome = runCommand(words, nullptr, false, nullptr);
+    Parser parser(false);
+    outcome = runCommand(parser, words, nullptr, nullptr);
   } catch (const Outcome &thrown) {
     outcome = thrown;
   } catch (const UsageError &error) {
