@@ -32,14 +32,16 @@ sh scripts/fuzz.sh
 echo "== AddressSanitizer and UndefinedBehaviorSanitizer build and tests"
 # LeakSanitizer stops the process's threads with ptrace, which qemu's
 # user-mode emulator does not offer (a checked process hangs as it ends):
-# there leaks go unchecked.  The options hold for the build too, which runs
-# each test program to list its tests.
-leaks=1
+# there leaks go unchecked, and a smaller quarantine of freed blocks keeps
+# the sanitizer's allocator within what the emulator maps well.  The
+# options hold for the build too, which runs each test program to list its
+# tests.
+sanitizer_options=detect_leaks=1:allocator_may_return_null=1
 if sh scripts/emulated.sh; then
   echo "leaks are not checked: 32-bit programs run through qemu here"
-  leaks=0
+  sanitizer_options=detect_leaks=0:allocator_may_return_null=1:quarantine_size_mb=16
 fi
-export ASAN_OPTIONS=detect_leaks=$leaks:allocator_may_return_null=1
+export ASAN_OPTIONS=$sanitizer_options
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=ON
 cmake --build build-asan -j "$jobs"
