@@ -162,6 +162,25 @@ void applyChanges(QueueDefinition &definition, const QueueChanges &changes, bool
   }
 }
 
+// One step of the store for as long as it lives: undone unless kept.
+class StoreStep {
+ public:
+  StoreStep(Store &store, const std::string &queue) : store_(store) { store_.beginStep(queue); }
+  ~StoreStep() {
+    if (!kept_) store_.endStep(false);
+  }
+  StoreStep(const StoreStep &) = delete;
+  StoreStep &operator=(const StoreStep &) = delete;
+  void keep() {
+    store_.endStep(true);
+    kept_ = true;
+  }
+
+ private:
+  Store &store_;
+  bool kept_ = false;
+};
+
 bool matchesPattern(const std::string &name, const std::string &pattern) {
   if (!pattern.empty() && pattern.back() == '*') {
     return name.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
@@ -456,6 +475,8 @@ void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &
   // put to once would be lost at once.
   if (od.objectType != OBJTYPE_Q) fail(RC_OBJECT_TYPE_ERROR);
   const std::string name = readName(od.objectName, Q_NAME_LENGTH);
+  // The open, the put and the close: one step of the store.
+  StoreStep step(*store_, name);
   QueueDefinition queue;
   if (isValidName(name) && store_->findQueue(name, &queue) && queue.queueType == QTYPE_MODEL) {
     fail(RC_OBJECT_TYPE_ERROR);
@@ -468,6 +489,7 @@ void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &
     throw;
   }
   closeObject(hconn, c, hobj, CLOSE_NONE);
+  step.keep();
 }
 
 void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &md, vxPUTOPTS &pmo,
@@ -481,6 +503,7 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
     fail(RC_PERSISTENCE_ERROR);
   }
   if (md.expiry != EXPIRY_UNLIMITED && md.expiry <= 0) fail(RC_EXPIRY_ERROR);
+  StoreStep step(*store_, h.queueName);
   const QueueDefinition queue = definition(h.queueName);
   if (queue.inhibitPut == INHIBIT_INHIBITED) fail(RC_PUT_INHIBITED);
   if (length > queue.maxMsgLength) fail(RC_MSG_TOO_BIG_FOR_Q);
@@ -517,6 +540,7 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
   }
   std::memcpy(md.msgId, message.descriptor.msgId, MSG_ID_LENGTH);
   store_->addMessage(h.queueName, std::move(message), messageState, unit);
+  step.keep();
 
   writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
   writeName(pmo.resolvedQMgrName, QM_NAME_LENGTH, name_);
@@ -553,6 +577,8 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     Connection &c = connection(hconn);
     ObjectHandle &h = handle(c, hobj);
     if (queue->deleted) fail(RC_Q_DELETED);
+    // One look at the queue and the take of what it finds: one step.
+    StoreStep step(*store_, h.queueName);
     const QueueDefinition definitionNow = definition(h.queueName);
     if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
     const Clock::time_point now = Clock::now();
@@ -562,6 +588,7 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
+      step.keep();  // no step stays open while the get waits
       Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
       // Other processes that share the store cannot signal: look again soon.
       if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
@@ -606,6 +633,7 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
         continue;
       }
     }
+    step.keep();
     const int32_t copied = std::min(length, bufferLength);
     if (copied > 0) std::memcpy(buffer, bytes, copied);
     const vxMSGDESC asked = md;

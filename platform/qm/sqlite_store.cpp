@@ -609,20 +609,58 @@ class SqliteStore final : public Store {
     return queues;
   }
 
-  // Runs `body` in one write transaction: all of it, or nothing.
+  // A step is one write transaction, but not for a temporary queue, which
+  // lives in memory only.  A step within a step is part of it; one that is
+  // not kept undoes the outermost.
+  void beginStep(const std::string &queue) override {
+    if (stepDepth_ == 0 && !temporaryQueue(queue)) {
+      Use(statement(kBegin)).run();
+      inStep_ = true;
+    }
+    ++stepDepth_;
+  }
+  void endStep(bool keep) override {
+    if (stepDepth_ == 0) return;
+    stepUndone_ = stepUndone_ || !keep;
+    if (stepDepth_ > 1) {
+      --stepDepth_;
+      return;
+    }
+    if (inStep_) {
+      if (stepUndone_) {
+        rollback();
+      } else {
+        Use(statement(kCommit)).run();  // on failure the step stays open, to be undone
+      }
+    }
+    stepDepth_ = 0;
+    inStep_ = false;
+    stepUndone_ = false;
+  }
+
+  // Runs `body` in one write transaction: all of it, or nothing.  Within a
+  // step it is part of the step's transaction.
   template <typename Body>
   void transaction(Body body) {
+    if (inStep_) {
+      body();
+      return;
+    }
     Use(statement(kBegin)).run();
     try {
       body();
       Use(statement(kCommit)).run();
     } catch (...) {
-      // Undoes the transaction; a failure here leaves nothing more to undo.
-      sqlite3_stmt *rollback = statement(kRollback);
-      sqlite3_step(rollback);
-      sqlite3_reset(rollback);
+      rollback();
       throw;
     }
+  }
+
+  // Undoes the open transaction; a failure here leaves nothing more to undo.
+  void rollback() {
+    sqlite3_stmt *statement = this->statement(kRollback);
+    sqlite3_step(statement);
+    sqlite3_reset(statement);
   }
 
   // The owner file: <database>.owners/<token>, locked for as long as the
@@ -707,6 +745,9 @@ class SqliteStore final : public Store {
   sqlite3_stmt *statements_[kStatements] = {};
   std::string ownersDirectory_;
   int ownerFd_ = -1;
+  int stepDepth_ = 0;        // steps begun and not ended
+  bool inStep_ = false;      // the outermost step's transaction is open
+  bool stepUndone_ = false;  // a step of it was not kept
   // Temporary dynamic queues, and the non-persistent messages of every queue.
   std::unique_ptr<Store> memory_;
   uint64_t localCounter_ = 0;

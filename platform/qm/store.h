@@ -110,6 +110,16 @@ class Store {
   virtual std::vector<std::string> commit(uint64_t unit) = 0;
   virtual std::vector<std::string> backout(uint64_t unit) = 0;
 
+  // Makes what follows, up to endStep, one step that other processes see
+  // whole or not at all: a put's reads of its queue's definition and depth
+  // with the put itself, so that no other process's put comes between them.
+  // A store of one process has nothing to do.
+  virtual void beginStep(const std::string & /*queue*/) {}
+  // Ends the step: keeps what it did, or (keep false, after a failure)
+  // undoes it.  Throws only when keeping fails; the step must then still be
+  // ended with keep false.
+  virtual void endStep(bool /*keep*/) {}
+
   // True when other processes change the store too: they cannot signal this
   // process's waiting gets, which then look again every kSharedPollInterval.
   virtual bool shared() const { return false; }

@@ -331,6 +331,21 @@ TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
   EXPECT_EQ(missing, "") << "not delivered once; others:" << unexpected;
 }
 
+TEST_F(QmPersist, TheMaximumDepthHoldsForTwoProcessesPuttingAtOnce) {
+  // The check of the depth and the put are one step: no put of the other
+  // process comes between them, so neither overfills the queue.
+  vxqm::QueueChanges changes;
+  changes.maxDepth = 200;
+  ASSERT_EQ(vxqm::admin::createQueue(kQm, "FILLED", changes), RC_NONE);
+  Peer putterA({"put", "FILLED", "150", "A"});
+  Peer putterB({"put", "FILLED", "150", "B"});
+  const size_t put = putterA.lines().size() + putterB.lines().size();
+  const int statusA = putterA.wait(), statusB = putterB.wait();
+  EXPECT_TRUE(statusA == 3 || statusB == 3) << "neither found the queue full";
+  EXPECT_EQ(put, 200u);
+  EXPECT_EQ(drain("FILLED").size(), 200u);
+}
+
 TEST_F(QmPersist, EveryPutThatReturnedSurvivesAKill) {
   createQueue("KILLED");
   Peer peer({"put", "KILLED", "1000000", "M"});

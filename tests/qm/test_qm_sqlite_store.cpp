@@ -215,6 +215,56 @@ TEST_F(QmSqliteStore, TwoStoresShareDefinitionsAndPersistentMessages) {
   EXPECT_FALSE(store->removeMessage("R", theirs.key));
 }
 
+TEST_F(QmSqliteStore, AStepIsSeenByOthersWholeOrNotAtAll) {
+  auto other = makeSqliteStore(path);
+  store->beginStep("Q");
+  store->addMessage("Q", message(1), MessageState::kAvailable, 0);
+  EXPECT_EQ(store->depth("Q"), 1);
+  EXPECT_EQ(other->depth("Q"), 0) << "seen before the step ended";
+  store->endStep(true);
+  EXPECT_EQ(other->depth("Q"), 1);
+
+  store->beginStep("Q");
+  store->addMessage("Q", message(2), MessageState::kAvailable, 0);
+  store->endStep(false);
+  EXPECT_EQ(store->depth("Q"), 1);
+  EXPECT_EQ(other->depth("Q"), 1);
+}
+
+TEST_F(QmSqliteStore, AStepWithinAStepThatIsNotKeptUndoesTheWhole) {
+  for (const bool innerKept : {true, false}) {
+    SCOPED_TRACE(innerKept ? "outer step not kept" : "inner step not kept");
+    store->beginStep("Q");
+    store->addMessage("Q", message(1), MessageState::kAvailable, 0);
+    store->beginStep("Q");
+    store->addMessage("Q", message(2), MessageState::kAvailable, 0);
+    store->endStep(innerKept);
+    store->endStep(!innerKept);
+    EXPECT_EQ(store->depth("Q"), 0);
+  }
+  store->beginStep("Q");
+  store->beginStep("Q");
+  store->addMessage("Q", message(3), MessageState::kAvailable, 0);
+  store->endStep(true);
+  store->endStep(true);
+  EXPECT_EQ(makeSqliteStore(path)->depth("Q"), 1);
+}
+
+TEST_F(QmSqliteStore, AStepOfATemporaryQueueLeavesTheDatabaseToOthers) {
+  QueueDefinition temporary;
+  temporary.name = "TEMP";
+  temporary.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
+  store->saveQueue(temporary);
+  auto other = makeSqliteStore(path);
+  store->beginStep("TEMP");
+  store->addMessage("TEMP", message(1), MessageState::kAvailable, 0);
+  // Would wait for the lock, then fail, if the step held the database.
+  other->addMessage("Q", message(2), MessageState::kAvailable, 0);
+  store->endStep(true);
+  EXPECT_EQ(store->depth("TEMP"), 1);
+  EXPECT_EQ(store->depth("Q"), 1);
+}
+
 TEST_F(QmSqliteStore, AUnitIsInvisibleToOthersUntilItEnds) {
   auto other = makeSqliteStore(path);
   store->addMessage("Q", message(1), MessageState::kPutInUnit, 1);
