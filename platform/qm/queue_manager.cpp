@@ -577,8 +577,6 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     Connection &c = connection(hconn);
     ObjectHandle &h = handle(c, hobj);
     if (queue->deleted) fail(RC_Q_DELETED);
-    // One look at the queue and the take of what it finds: one step.
-    StoreStep step(*store_, h.queueName);
     const QueueDefinition definitionNow = definition(h.queueName);
     if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
     const Clock::time_point now = Clock::now();
@@ -588,7 +586,6 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
-      step.keep();  // no step stays open while the get waits
       Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
       // Other processes that share the store cannot signal: look again soon.
       if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
@@ -633,7 +630,6 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
         continue;
       }
     }
-    step.keep();
     const int32_t copied = std::min(length, bufferLength);
     if (copied > 0) std::memcpy(buffer, bytes, copied);
     const vxMSGDESC asked = md;
