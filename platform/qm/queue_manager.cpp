@@ -440,8 +440,9 @@ void QueueManager::closeObject(int32_t hconn, Connection &c, int32_t hobj, int32
     }
     if ((h.options & OPEN_OUTPUT) != 0) --queue.openOutputCount;
     --queue.openHandles;
-    // A get waiting on this handle wakes and finds it gone.
-    queue.changed.notify_all();
+    // A get waiting on this handle wakes and finds it gone; gets waiting on
+    // other handles are left asleep.
+    if (h.waitingGets > 0) queue.changed.notify_all();
   }
   const std::string name = std::move(h.queueName);
   c.handles.erase(hobj);
@@ -572,10 +573,13 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
           ? Clock::now() + std::chrono::milliseconds(gmo.waitInterval)
           : Clock::time_point::max();
 
+  bool waited = false;
   for (;;) {
     // Looked up again after every wake-up: a close or a disconnect ends the wait.
     Connection &c = connection(hconn);
     ObjectHandle &h = handle(c, hobj);
+    if (waited) --h.waitingGets;
+    waited = false;
     if (queue->deleted) fail(RC_Q_DELETED);
     const QueueDefinition definitionNow = definition(h.queueName);
     if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
@@ -589,6 +593,8 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
       Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
       // Other processes that share the store cannot signal: look again soon.
       if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
+      ++h.waitingGets;
+      waited = true;
       if (wakeAt == Clock::time_point::max()) {
         queue->changed.wait(lock);
       } else {

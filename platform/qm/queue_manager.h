@@ -82,6 +82,7 @@ struct ObjectHandle {
   std::string queueName;                   // empty for the queue manager object
   std::shared_ptr<QueueState> queue;       // null for the queue manager object
   std::optional<MessageKey> browseCursor;  // the message last browsed
+  int32_t waitingGets = 0;                 // gets waiting on this handle: its close wakes them
 };
 
 // A connection.  Guarded by the mutex of its queue manager.

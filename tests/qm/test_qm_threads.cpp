@@ -109,6 +109,62 @@ TEST_F(QmWaitThreads, ClosingTheWaitingHandleEndsTheGet) {
   EXPECT_EQ(get.status, failed(RC_HOBJ_ERROR));
 }
 
+TEST_F(QmWaitThreads, ClosingAHandleEndsEveryGetWaitingOnIt) {
+  Connection reader;
+  int32_t input = reader.open(kLocal, OPEN_INPUT_SHARED);
+  WaitingGet first(reader, input);
+  WaitingGet second(reader, input);
+  const auto close = Clock::now();
+  EXPECT_EQ(reader.close(input), ok());
+  EXPECT_LT(first.join(close), kBound);
+  EXPECT_LT(second.join(close), kBound);
+  EXPECT_EQ(first.status, failed(RC_HOBJ_ERROR));
+  EXPECT_EQ(second.status, failed(RC_HOBJ_ERROR));
+}
+
+// A close ends only the gets that wait on the handle it closes: a get on
+// another handle of the same queue goes on waiting and takes the next message.
+TEST_F(QmWaitThreads, ClosingAnotherHandleLeavesTheGetWaiting) {
+  Connection reader;
+  Connection writer;
+  int32_t input = reader.open(kLocal, OPEN_INPUT_SHARED);
+  int32_t other = reader.open(kLocal, OPEN_INPUT_SHARED);
+  int32_t output = writer.open(kLocal, OPEN_OUTPUT);
+  WaitingGet get(reader, input);
+  EXPECT_EQ(reader.close(other), ok());
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  {
+    std::lock_guard<std::mutex> lock(get.mutex);
+    EXPECT_EQ(get.ended, Clock::time_point{}) << "the get ended with the other handle";
+  }
+  const auto put = Clock::now();
+  ASSERT_EQ(writer.put(output, "after the close"), ok());
+  EXPECT_LT(get.join(put), kBound);
+  EXPECT_EQ(get.status, ok());
+  EXPECT_EQ(get.got, "after the close");
+}
+
+// A handle whose waiting get was woken by a put still ends the next get that
+// waits on it when it closes: each wait is counted once, and uncounted once.
+TEST_F(QmWaitThreads, AWaitEndedByAPutLeavesTheHandleClosable) {
+  Connection reader;
+  Connection writer;
+  int32_t input = reader.open(kLocal, OPEN_INPUT_SHARED);
+  int32_t output = writer.open(kLocal, OPEN_OUTPUT);
+  {
+    WaitingGet first(reader, input);
+    const auto put = Clock::now();
+    ASSERT_EQ(writer.put(output, "one"), ok());
+    EXPECT_LT(first.join(put), kBound);
+    EXPECT_EQ(first.status, ok());
+  }
+  WaitingGet second(reader, input);
+  const auto close = Clock::now();
+  EXPECT_EQ(reader.close(input), ok());
+  EXPECT_LT(second.join(close), kBound);
+  EXPECT_EQ(second.status, failed(RC_HOBJ_ERROR));
+}
+
 TEST_F(QmWaitThreads, DisconnectingEndsTheGet) {
   Connection reader;
   int32_t input = reader.open(kLocal, OPEN_INPUT_SHARED);
