@@ -240,7 +240,7 @@ QueueManager::~QueueManager() {
   // The last owner may be another thread than the last caller: taking the
   // mutex orders the destruction after every call that used the members, for
   // tools (helgrind) that do not follow the shared owners' count.
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<AdaptiveMutex> lock(mutex_);
 }
 
 void QueueManager::defineInitialObjects() {

@@ -13,7 +13,6 @@
 #ifndef VX_QM_QUEUE_MANAGER_H
 #define VX_QM_QUEUE_MANAGER_H
 
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,6 +22,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "adaptive_mutex.h"
 #include "qm_admin.h"
 #include "store.h"
 #include "vxqi.h"
@@ -68,9 +68,10 @@ struct QueueState {
   bool hold = false;                            // test hooks: held or delayed puts
   int32_t delayMilliseconds = 0;
   // Signalled (under the mutex) when a message may have become available,
-  // when the queue's attributes change, when a handle on it closes, and when
-  // the queue is deleted.  Waiting gets re-check everything after each wake.
-  std::condition_variable changed;
+  // when the queue's attributes change, when a handle on which a get waits
+  // closes, and when the queue is deleted.  Waiting gets re-check everything
+  // after each wake.
+  ConditionVariable changed;
 };
 
 // An open object.  Guarded by the mutex of its queue manager.  A waiting get
@@ -152,7 +153,7 @@ class QueueManager {
   int32_t messageCount(const std::string &queue);
 
  private:
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = std::unique_lock<AdaptiveMutex>;
 
   Connection &connection(int32_t hconn);
   ObjectHandle &handle(Connection &connection, int32_t hobj);
@@ -179,7 +180,7 @@ class QueueManager {
   // Guards every member below, the store included, and every QueueState,
   // ObjectHandle and Connection of this queue manager.  Never held while a
   // get waits (the condition variables release it).
-  std::mutex mutex_;
+  AdaptiveMutex mutex_;
   std::unique_ptr<Store> store_;
   std::map<std::string, std::shared_ptr<QueueState>> queues_;  // one per queue of the store
   std::unordered_map<int32_t, Connection> connections_;        // by connection handle
