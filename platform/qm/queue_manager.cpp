@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -39,12 +37,14 @@ void newMessageId(char *id) {
   std::memcpy(id + 16, &number, 8);
 }
 
-// The unique suffix of a dynamic queue name.
+// The unique suffix of a dynamic queue name: a counter in hexadecimal,
+// written by hand (a queue is made for every command a requester sends).
 std::string newSuffix() {
   static std::atomic<uint64_t> counter{
       static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count())};
-  char text[kSuffixLength + 1];
-  std::snprintf(text, sizeof text, "%016" PRIX64, ++counter);
+  uint64_t number = ++counter;
+  std::string text(kSuffixLength, '0');
+  for (size_t i = kSuffixLength; i-- > 0; number >>= 4) text[i] = "0123456789ABCDEF"[number & 0xF];
   return text;
 }
 
@@ -72,6 +72,15 @@ struct Attribute {
   std::string (*characters)(const AttributeView &);
   int32_t QueueDefinition::*settable;  // the field that set changes, or null
 };
+
+// Whether an attribute is read from the queue's definition in the store (the
+// depth too: it is counted only for a queue that is still defined).  The open
+// counts are run-time state: the inquiry of the open input count that a
+// requester makes before every command costs no look-up at all.
+bool needsDefinition(const Attribute &a) {
+  return a.objectType == OBJTYPE_Q && a.selector != ATTR_OPEN_INPUT_COUNT &&
+         a.selector != ATTR_OPEN_OUTPUT_COUNT;
+}
 
 const Attribute kAttributes[] = {
     {ATTR_CURRENT_DEPTH, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.depth; }, nullptr,
@@ -392,7 +401,7 @@ std::string QueueManager::createDynamicQueue(const QueueDefinition &model,
     } while (store_->findQueue(name, nullptr));
   }
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
-  if (store_->findQueue(name, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
+  if (!generated && store_->findQueue(name, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
   QueueDefinition created = model;
   created.name = name;
   created.queueType = QTYPE_LOCAL;
@@ -672,14 +681,23 @@ Outcome QueueManager::inquire(int32_t hconn, int32_t hobj, const std::vector<int
   const ObjectHandle &h = handle(connection(hconn), hobj);
   if ((h.options & OPEN_INQUIRE) == 0) fail(RC_NOT_OPEN_FOR_INQUIRE);
   std::vector<const Attribute *> wanted;
-  for (int32_t selector : selectors) wanted.push_back(&attribute(selector, h.objectType));
+  bool wantsDefinition = false;
+  bool wantsDepth = false;
+  for (int32_t selector : selectors) {
+    const Attribute &a = attribute(selector, h.objectType);
+    wanted.push_back(&a);
+    wantsDefinition = wantsDefinition || needsDefinition(a);
+    wantsDepth = wantsDepth || selector == ATTR_CURRENT_DEPTH;
+  }
   QueueDefinition queue;
   int32_t depth = 0;
   if (h.queue) {
     if (h.queue->deleted) fail(RC_Q_DELETED);
-    queue = definition(h.queueName);
-    store_->discardExpired(h.queueName, Clock::now());
-    depth = store_->depth(h.queueName);
+    if (wantsDefinition) queue = definition(h.queueName);
+    if (wantsDepth) {
+      store_->discardExpired(h.queueName, Clock::now());
+      depth = store_->depth(h.queueName);
+    }
   }
   const AttributeView view{name_, h.queue ? &queue : nullptr, h.queue.get(), depth};
   int32_t integers = 0;
