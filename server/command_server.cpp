@@ -169,7 +169,9 @@ class Replier {
     if (!openQueue()) return;
     int32_t cc = CC_OK, rc = RC_NONE;
     const VXHBAG bag = session_.replyBag;
-    vxClearBag(bag, &cc, &rc);
+    // Every header item is set below: only the user items of the last
+    // reply need to go, and the system items are left in place.
+    vxTruncateBag(bag, 0, &cc, &rc);
     const int32_t header[][2] = {
         {SEL_PCF_TYPE, kPcfTypeResponse},  {SEL_COMMAND, command_},
         {SEL_MSG_SEQ_NUMBER, ++sequence_}, {SEL_CONTROL, control},
