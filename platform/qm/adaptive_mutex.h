@@ -18,7 +18,7 @@
 
 namespace vxqm {
 
-// A mutex usable with std::lock_guard and std::unique_lock.
+// A mutex for std::lock_guard and std::unique_lock.
 class AdaptiveMutex {
  public:
   AdaptiveMutex() = default;
@@ -27,7 +27,6 @@ class AdaptiveMutex {
   AdaptiveMutex &operator=(const AdaptiveMutex &) = delete;
 
   void lock() { pthread_mutex_lock(&mutex_); }
-  bool try_lock() { return pthread_mutex_trylock(&mutex_) == 0; }
   void unlock() { pthread_mutex_unlock(&mutex_); }
   pthread_mutex_t *native_handle() { return &mutex_; }
 
