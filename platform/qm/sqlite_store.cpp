@@ -254,6 +254,39 @@ class Use {
   sqlite3_stmt *statement_;
 };
 
+// In the owners directory: the suffix of an owner file being made, and the
+// file whose lock guards the making (see lockOwnerFile).
+constexpr const char *kBuildingSuffix = ".new";
+constexpr const char *kGuardName = ".guard";
+
+// The guard of an owners directory, locked as `operation` says (shared, or
+// alone and without waiting) for as long as it lives.
+class Guard {
+ public:
+  Guard(const std::string &directory, int operation)
+      : fd_(open((directory + "/" + kGuardName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    if (fd_ < 0) return;
+    int result;
+    do {
+      result = flock(fd_, operation);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+      ::close(fd_);
+      fd_ = -1;
+    }
+  }
+  ~Guard() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Guard(const Guard &) = delete;
+  Guard &operator=(const Guard &) = delete;
+
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
 class SqliteStore final : public Store {
  public:
   explicit SqliteStore(const std::string &path)
@@ -666,14 +699,19 @@ class SqliteStore final : public Store {
   // The owner file: <database>.owners/<token>, locked for as long as the
   // store lives (the system drops the lock when the process dies, however it
   // dies).  Made under a temporary name and renamed once locked, so that a
-  // file of that name without a lock always means an owner that ended.
+  // file of that name without a lock always means an owner that ended.  A
+  // temporary file is unlocked for a moment after it is made: the making
+  // holds the directory's guard shared, and only a store holding the guard
+  // alone may take such a file for the leftover of a process that died.
   void lockOwnerFile(const std::string &path) {
     ownersDirectory_ = path + ".owners";
     if (mkdir(ownersDirectory_.c_str(), 0700) != 0 && errno != EEXIST) {
       throw Failure{RC_STORE_ERROR};
     }
+    const Guard guard(ownersDirectory_, LOCK_SH);
+    if (!guard.held()) throw Failure{RC_STORE_ERROR};
     const std::string file = ownerFile(owner_);
-    const std::string building = file + ".new";
+    const std::string building = file + kBuildingSuffix;
     ownerFd_ = open(building.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (ownerFd_ < 0) throw Failure{RC_STORE_ERROR};
     if (flock(ownerFd_, LOCK_EX) != 0 || rename(building.c_str(), file.c_str()) != 0) {
@@ -713,9 +751,13 @@ class SqliteStore final : public Store {
       unlink(ownerFile(owner).c_str());
       files.erase(owner);
     }
+    // The owners that ended without units; and what a process killed while
+    // it made its file left, when no other is making one.
+    const Guard guard(ownersDirectory_, LOCK_EX | LOCK_NB);
     for (const std::string &file : files) {
-      // Also what a process killed while it made its file left (".new").
-      if (file != owner_ && ended(file)) unlink(ownerFile(file).c_str());
+      if (file == kGuardName || file == owner_) continue;
+      const bool building = file.ends_with(kBuildingSuffix);
+      if ((!building || guard.held()) && ended(file)) unlink(ownerFile(file).c_str());
     }
   }
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -331,6 +332,31 @@ TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
     if (expected.count(message) == 0) unexpected += " [" + message + "]";
   }
   EXPECT_EQ(missing, "") << "not delivered once; others:" << unexpected;
+}
+
+TEST_F(QmPersist, ProcessesOpeningTheStoreAtOnceAllConnect) {
+  // Each opening process makes its owner file and clears the files of
+  // owners that ended, while the others make theirs.
+  createQueue("OPENED");
+  constexpr int kRounds = 10;
+  constexpr int kAtOnce = 8;
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int i = 0; i < kAtOnce; ++i) {
+      peers.push_back(std::make_unique<Peer>(std::vector<std::string>{"drain", "OPENED", "0"}));
+    }
+    for (auto &peer : peers) ASSERT_EQ(peer->wait(), 0) << "in round " << round;
+  }
+  // A store that opens removes the owner files of the processes that ended:
+  // once this process opens its store again, its own file is the only one,
+  // beside the directory's guard.
+  restart();
+  ASSERT_EQ(vxqm::test::messageCount(kQm, "OPENED"), 0);
+  std::vector<std::string> left;
+  for (const auto &entry : std::filesystem::directory_iterator(directory_ + "/PQM.db.owners")) {
+    if (entry.path().filename() != ".guard") left.push_back(entry.path().filename());
+  }
+  EXPECT_EQ(left.size(), 1u);
 }
 
 TEST_F(QmPersist, TheMaximumDepthHoldsForTwoProcessesPuttingAtOnce) {

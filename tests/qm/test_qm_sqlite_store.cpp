@@ -1,8 +1,11 @@
 // The SQLite store on its own: what the memory store does, plus what lasts
 // beyond a store (definitions, persistent messages) and what two stores on
 // one database (as two processes would have) see of each other.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -294,24 +297,47 @@ TEST_F(QmSqliteStore, AStoreThatEndsBacksOutItsUnits) {
   EXPECT_EQ(found.message->descriptor.backoutCount, 1);
 }
 
+// The owner files of an owners directory, without its guard.
+long ownerFiles(const std::string &owners) {
+  long count = 0;
+  for (const auto &entry : std::filesystem::directory_iterator(owners)) {
+    if (entry.path().filename() != ".guard") ++count;
+  }
+  return count;
+}
+
 TEST_F(QmSqliteStore, OwnerFilesOfStoresThatEndedAreRemoved) {
   const std::string owners = path + ".owners";
-  auto count = [&] {
-    return std::distance(std::filesystem::directory_iterator(owners),
-                         std::filesystem::directory_iterator());
-  };
-  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(ownerFiles(owners), 1);
   {
     auto other = makeSqliteStore(path);
-    EXPECT_EQ(count(), 2);
+    EXPECT_EQ(ownerFiles(owners), 2);
   }
-  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(ownerFiles(owners), 1);
   // A file left unlocked, as by a process that was killed.
   const std::string left = owners + "/left-by-a-dead-process";
   std::fclose(std::fopen(left.c_str(), "w"));
   auto other = makeSqliteStore(path);
   EXPECT_FALSE(std::filesystem::exists(left));
-  EXPECT_EQ(count(), 2);
+  EXPECT_EQ(ownerFiles(owners), 2);
+}
+
+TEST_F(QmSqliteStore, AnOwnerFileBeingMadeIsNotTakenForALeftover) {
+  // An owner file is made under a temporary name, unlocked for a moment: a
+  // store that opens meanwhile leaves it alone.
+  const std::string owners = path + ".owners";
+  const std::string making = owners + "/being-made.new";
+  std::fclose(std::fopen(making.c_str(), "w"));
+  const int guard = open((owners + "/.guard").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(guard, 0);
+  ASSERT_EQ(flock(guard, LOCK_SH), 0);  // as a process making its file holds it
+  makeSqliteStore(path).reset();
+  EXPECT_TRUE(std::filesystem::exists(making));
+  close(guard);
+  // Without a maker, the same file is what a process killed while making
+  // its own left.
+  makeSqliteStore(path).reset();
+  EXPECT_FALSE(std::filesystem::exists(making));
 }
 
 TEST_F(QmSqliteStore, ADatabaseThatCannotBeOpenedIsAStoreError) {
