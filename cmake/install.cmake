@@ -1,17 +1,25 @@
 # What `cmake --install` puts in the prefix: the four libraries, the public
-# headers (in include/vxai), vxadmin, pkg-config files and a CMake package
-# (find_package(VXAI) gives VXAI::vxai and VXAI::vxcmdsrv).  The version is
-# the project's.
+# headers (in include/vxai, the same for every architecture), vxadmin,
+# pkg-config files and a CMake package (find_package(VXAI) gives VXAI::vxai
+# and VXAI::vxcmdsrv).  The version is the project's.
 include(CMakePackageConfigHelpers)
 
 set(VX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VXAI)
 
 install(TARGETS vxai vxsvc vxqm vxcmdsrv EXPORT VXAITargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-file(RELATIVE_PATH VX_BIN_TO_LIB ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}
+# vxadmin of the machine's own architecture goes in bin; that of a 32-bit
+# build beside its libraries (lib/i386-linux-gnu/vxai/vxadmin), so that both
+# builds may share a prefix.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(VX_TOOL_DIR ${CMAKE_INSTALL_LIBDIR}/vxai)
+else()
+  set(VX_TOOL_DIR ${CMAKE_INSTALL_BINDIR})
+endif()
+file(RELATIVE_PATH VX_TOOL_TO_LIB ${CMAKE_INSTALL_PREFIX}/${VX_TOOL_DIR}
      ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
-set_target_properties(vxadmin PROPERTIES INSTALL_RPATH "$ORIGIN/${VX_BIN_TO_LIB}")
-install(TARGETS vxadmin RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+set_target_properties(vxadmin PROPERTIES INSTALL_RPATH "$ORIGIN/${VX_TOOL_TO_LIB}")
+install(TARGETS vxadmin RUNTIME DESTINATION ${VX_TOOL_DIR})
 install(FILES lib/vxai/vxai.h lib/vxi/vxqi.h server/command_server.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vxai)
 

@@ -1,7 +1,7 @@
 #!/bin/sh
-# Builds the PCF fuzz target with clang, libFuzzer, AddressSanitizer and
-# UndefinedBehaviorSanitizer, and runs it for a bounded time on a copy of the
-# seed corpus.  Exits non-zero on any crash, leak, time-out, sanitizer report
+# Builds the PCF fuzz target natively (64-bit) with clang, libFuzzer,
+# AddressSanitizer with its leak check and UndefinedBehaviorSanitizer, and
+# runs it for a bounded time on a copy of the seed corpus.  Exits non-zero on any crash, leak, time-out, sanitizer report
 # or broken invariant; the input that caused it is left in the build
 # directory's artifacts/.
 #
@@ -11,7 +11,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-# The build's tool chain, and clang with its 32-bit libFuzzer and sanitizer
+# The build's tool chain, and clang with its libFuzzer and sanitizer
 # run-times.
 sh scripts/setup.sh clang libclang-rt-dev
 
@@ -20,7 +20,7 @@ seconds=${FUZZ_SECONDS:-60}
 mkdir -p "$build/obj" "$build/artifacts"
 build=$(cd "$build" && pwd)
 
-common="-m32 -D_FILE_OFFSET_BITS=64 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
+common="-D_FILE_OFFSET_BITS=64 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
   -Ilib/vxai -Ilib/vxi -Iplatform/svc -Iplatform/qm"
 
@@ -45,34 +45,21 @@ for source in lib/vxai/*.cpp lib/vxi/*.cpp; do
   objects="$objects $object"
 done
 clang++ $common -fsanitize=fuzzer-no-link -c tests/fuzz/fuzz_pcf.cpp -o "$build/obj/fuzz_pcf.o"
-clang++ -m32 -pthread -fsanitize=fuzzer,address,undefined $objects "$build/obj/fuzz_pcf.o" \
-  /usr/lib/i386-linux-gnu/libsqlite3.so.0 \
-  -o "$build/fuzz_pcf"
+clang++ -pthread -fsanitize=fuzzer,address,undefined $objects "$build/obj/fuzz_pcf.o" \
+  -lsqlite3 -o "$build/fuzz_pcf"
 
 # libFuzzer adds what it finds to its first corpus directory: give it a
-# scratch one so that the seed corpus stays as committed.  The seeds are
-# named one by one: libFuzzer's own directory listing fails under qemu.
+# scratch one, and the seed corpus second, so that the seeds stay as
+# committed.
 rm -rf "$build/corpus"
 mkdir -p "$build/corpus" "$build/reports" "$build/trace"
-seeds=$(ls tests/fuzz/corpus/* | tr '\n' ',' | sed 's/,$//')
-
-# LeakSanitizer stops the process's threads with ptrace, which qemu's
-# user-mode emulator does not offer: there leaks go unchecked.  libFuzzer's
-# memory watch, a thread of its own, stalls the run or starves the
-# sanitizer's allocator under the emulator: there it is off too.
-leaks=1 rss_limit=2048
-if sh scripts/emulated.sh; then
-  echo "leaks and memory use are not checked: 32-bit programs run through qemu here"
-  leaks=0 rss_limit=0
-fi
 
 echo "== fuzzing for $seconds seconds"
-if ! ASAN_OPTIONS=detect_leaks=$leaks:allocator_may_return_null=1 \
+if ! ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   VXSVC_TRACE=off VXSVC_REPORT_DIR="$build/reports" VXSVC_TRACE_DIR="$build/trace" \
-  "$build/fuzz_pcf" -max_total_time="$seconds" -rss_limit_mb="$rss_limit" -timeout=10 \
-  -print_final_stats=1 -artifact_prefix="$build/artifacts/" -seed_inputs="$seeds" \
-  "$build/corpus"; then
+  "$build/fuzz_pcf" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+  -print_final_stats=1 -artifact_prefix="$build/artifacts/" "$build/corpus" tests/fuzz/corpus; then
   echo "fuzz_pcf failed: the input is in $build/artifacts/" >&2
   exit 1
 fi

@@ -1,33 +1,42 @@
 #!/bin/sh
-# Installs what the build needs when it is missing: a 32-bit C and C++
-# tool chain with its sanitizer run-times, CMake, Ninja, the GoogleTest
-# sources, the header-only CLI11 and nlohmann/json that vxadmin uses,
-# pkg-config, valgrind with the 32-bit C library's debugging symbols (helgrind
-# needs them), the 32-bit SQLite run-time with the (architecture-independent)
-# SQLite header of the native development package, and any further packages
-# named as arguments.  Safe to run
-# again; does nothing when all is there.
+# Installs what the build needs when it is missing.  Safe to run again; does
+# nothing when all is there.
 #
-#   sh scripts/setup.sh [package ...]
+#   sh scripts/setup.sh [--i386] [package ...]
+#
+# Always: the machine's own C and C++ tool chain (with its sanitizer
+# run-times), CMake, Ninja, the GoogleTest sources, the header-only CLI11 and
+# nlohmann/json that vxadmin uses, pkg-config, SQLite, and valgrind with the C
+# library's debugging symbols (helgrind and memcheck need them), and any
+# further packages named as arguments.
+#
+# With --i386, also what the 32-bit build needs: the 32-bit tool chain, the
+# 32-bit C library's debugging symbols and SQLite run-time, and, on a machine
+# whose kernel cannot execute 32-bit programs, qemu's user-mode emulator
+# registered to run them.
 set -eu
 
 SUDO=""
 [ "$(id -u)" -eq 0 ] || SUDO=sudo
 
+i386=no
+if [ "${1:-}" = --i386 ]; then
+  i386=yes
+  shift
+fi
+
+added_architecture=no
 # The 32-bit packages (name:i386) come from the i386 architecture.
-if ! dpkg --print-foreign-architectures | grep -qx i386; then
+if [ "$i386" = yes ] && ! dpkg --print-foreign-architectures | grep -qx i386; then
   echo "adding the i386 architecture"
   $SUDO dpkg --add-architecture i386
   added_architecture=yes
-else
-  added_architecture=no
 fi
 
 missing=""
 need() { dpkg -s "$1" >/dev/null 2>&1 || missing="$missing $1"; }
 for package in "$@"; do need "$package"; done
-need gcc-multilib
-need g++-multilib
+need g++
 need cmake
 need ninja-build
 need googletest
@@ -37,9 +46,14 @@ need libcli11-dev
 need nlohmann-json3-dev
 need pkg-config
 need valgrind
-need libc6-dbg:i386
-need libsqlite3-0:i386
+need libc6-dbg
 need libsqlite3-dev
+if [ "$i386" = yes ]; then
+  need gcc-multilib
+  need g++-multilib
+  need libc6-dbg:i386
+  need libsqlite3-0:i386
+fi
 
 if [ -n "$missing" ] || [ "$added_architecture" = yes ]; then
   # A mirror that is being synchronised can fail one index; what the other
@@ -50,6 +64,8 @@ if [ -n "$missing" ]; then
   echo "installing:$missing"
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing
 fi
+
+[ "$i386" = yes ] || exit 0
 
 # Some virtual machines run a kernel that cannot execute 32-bit programs (it
 # answers "Exec format error").  There the kernel is taught to hand them to

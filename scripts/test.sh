@@ -1,48 +1,60 @@
 #!/bin/sh
-# Builds everything and runs the whole suite: plain, then the threaded tests
-# under valgrind's helgrind (a data race or a lock-order problem fails them),
-# then a minute of fuzzing of the message reader and writer, then the whole
-# suite again under AddressSanitizer with UndefinedBehaviorSanitizer.  Exits
+# Builds everything and runs every check, 64-bit first, then 32-bit.  Exits
 # non-zero on the first failure.
+#
+#   1. 64-bit build, plainly: every test.
+#   2. The threaded suites under valgrind's helgrind.
+#   3. The sample programs and a vxadmin session under valgrind's memcheck,
+#      leak check on: zero errors.
+#   4. The threaded suites under ThreadSanitizer (a build of their own).
+#   5. Every test under AddressSanitizer with UndefinedBehaviorSanitizer,
+#      leak check on.
+#   6. A minute of fuzzing of the message reader and writer, natively, leak
+#      check on.
+#   7. 32-bit build, plainly: every test, natively where the kernel runs
+#      32-bit programs, through qemu's emulator where it does not.  Its
+#      package test installs both builds into one prefix and builds and runs
+#      a 64-bit and a 32-bit consumer.
 set -eu
 cd "$(dirname "$0")/.."
 
-sh scripts/setup.sh
+sh scripts/setup.sh --i386
 
 jobs=$(nproc)
+# Test programs that hold suites named "...Threads".
+threaded="test_qm_threads test_qm_convert test_command_server"
 
-echo "== plain build and tests"
-cmake -S . -B build -G Ninja -DVX_SANITIZE=OFF
+echo "== 1. 64-bit build, plain: every test"
+cmake -S . -B build -G Ninja -DVX_SANITIZE=
 cmake --build build -j "$jobs"
-ctest --test-dir build --output-on-failure -j "$jobs" -LE helgrind
+ctest --test-dir build --output-on-failure -j "$jobs" -LE 'helgrind|memcheck'
 
-echo "== threaded tests under helgrind"
-# Where 32-bit programs run only through qemu (see setup.sh), valgrind
-# cannot run them at all: the threaded tests then have run plainly above and
-# run again under the sanitizers below, and this step says why it is left out.
-if sh scripts/emulated.sh; then
-  echo "skipped: valgrind cannot run 32-bit programs on this machine (its kernel runs them through qemu)"
-else
-  ctest --test-dir build --output-on-failure -j "$jobs" -L helgrind
-fi
+echo "== 2. 64-bit: threaded suites under helgrind"
+ctest --test-dir build --output-on-failure -j "$jobs" -L helgrind
 
-echo "== fuzzing the message reader and writer"
-sh scripts/fuzz.sh
+echo "== 3. 64-bit: samples and a vxadmin session under memcheck"
+ctest --test-dir build --output-on-failure -j "$jobs" -L memcheck
 
-echo "== AddressSanitizer and UndefinedBehaviorSanitizer build and tests"
-# LeakSanitizer stops the process's threads with ptrace, which qemu's
-# user-mode emulator does not offer (a checked process hangs as it ends):
-# there leaks go unchecked, and a smaller quarantine of freed blocks keeps
-# the sanitizer's allocator within what the emulator maps well.  The
-# options hold for the build too, which runs each test program to list its
-# tests.
-sanitizer_options=detect_leaks=1:allocator_may_return_null=1
-if sh scripts/emulated.sh; then
-  echo "leaks are not checked: 32-bit programs run through qemu here"
-  sanitizer_options=detect_leaks=0:allocator_may_return_null=1:quarantine_size_mb=16
-fi
-export ASAN_OPTIONS=$sanitizer_options
+echo "== 4. 64-bit: threaded suites under ThreadSanitizer"
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+cmake -S . -B build-tsan -G Ninja -DVX_SANITIZE=thread
+# shellcheck disable=SC2086
+cmake --build build-tsan -j "$jobs" --target $threaded qm_peer
+ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R 'Threads\.'
+
+echo "== 5. 64-bit: AddressSanitizer and UndefinedBehaviorSanitizer, leak check on"
+# The options hold for the build too, which runs each test program to list
+# its tests.
+export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=ON
+cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=address
 cmake --build build-asan -j "$jobs"
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== 6. fuzzing the message reader and writer"
+sh scripts/fuzz.sh
+
+echo "== 7. 32-bit build, plain: every test"
+cmake -S . -B build-i386 -G Ninja -DVX_ARCH=i386 -DVX_SANITIZE= -DVX_PACKAGE_BUILDS="$PWD/build"
+cmake --build build-i386 -j "$jobs"
+ctest --test-dir build-i386 --output-on-failure -j "$jobs" -LE 'helgrind|memcheck'

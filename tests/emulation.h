@@ -1,6 +1,6 @@
-// Whether this machine runs the tests' 32-bit programs through qemu's
-// user-mode emulator (scripts/setup.sh registers it where the kernel cannot
-// run them), and what that costs the time limits of tests.
+// Whether this test program runs through qemu's user-mode emulator (a
+// 32-bit program on a machine where scripts/setup.sh registered it because
+// the kernel cannot run them), and what that costs the time limits of tests.
 #pragma once
 
 #include <fstream>
@@ -8,8 +8,9 @@
 
 namespace vxtest {
 
-// True when 32-bit programs run through qemu here.
+// True when this program, being 32-bit, runs through qemu here.
 inline bool emulated() {
+  if (sizeof(void *) != 4) return false;
   std::ifstream status("/proc/sys/fs/binfmt_misc/qemu-i386");
   std::string word;
   return status >> word && word == "enabled";

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,8 +22,18 @@ zaiBAG *recordOf(VXHBAG handle) {
   return reinterpret_cast<zaiBAG *>(static_cast<uintptr_t>(static_cast<uint32_t>(handle)));
 }
 
-VXHBAG handleOf(const void *address) {
-  return static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(address));
+VXHBAG handleOf(const void *address) { return vxtest::handleOf(address); }
+
+// The records take the layout of the build: addresses are 4 or 8 bytes.
+constexpr int32_t kBagBytes = sizeof(zaiBAG);
+constexpr int32_t kVectorBytes = sizeof(zaiVECTOR);
+constexpr int32_t kItemBytes = sizeof(zaiPROPERTY);
+
+// What a bag of `capacity` items holds in memory: its record, its vector's
+// record, and the vector's block of slot-table entries (one address each)
+// and places.
+constexpr int32_t bagBytes(int32_t capacity) {
+  return kBagBytes + kVectorBytes + capacity * (kItemBytes + static_cast<int32_t>(sizeof(void *)));
 }
 
 constexpr int32_t kAllOptions = BAG_OPT_ADMIN_BAG | BAG_OPT_LIST_FORM_ALLOWED |
@@ -139,10 +150,10 @@ void expectNewBag(VXHBAG handle, int32_t options) {
   const zaiVECTOR *items = bag->items;
   ASSERT_NE(items, nullptr);
   EXPECT_EQ(std::memcmp(items->eyeCatcher, "ZVEC", 4), 0);
-  EXPECT_EQ(items->recordLength, 28);
+  EXPECT_EQ(items->recordLength, kVectorBytes);
   EXPECT_EQ(items->capacity, 40);
-  EXPECT_EQ(items->elementSize, 24);
-  EXPECT_EQ(items->slotSize, 24);
+  EXPECT_EQ(items->elementSize, kItemBytes);
+  EXPECT_EQ(items->slotSize, kItemBytes);
   const std::vector<SystemItem> expected = systemItemsFor(options);
   ASSERT_EQ(items->count, static_cast<int32_t>(expected.size()));
   for (int32_t i = 0; i < items->count; ++i) {
@@ -161,13 +172,14 @@ int32_t optionsItem(VXHBAG bag) { return zaiItemAt(recordOf(bag), 0)->value.inte
 int32_t pcfTypeItem(VXHBAG bag) { return zaiItemAt(recordOf(bag), 1)->value.integer; }
 
 // Two adjacent pages, the first writable and the second inaccessible: bytes at
-// the end of the first run into memory that cannot be touched.
+// the end of the first run into memory that cannot be touched.  A handle can
+// name them.
 class GuardedPage {
  public:
   GuardedPage() {
     size_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    base_ = static_cast<char *>(
-        mmap(nullptr, 2 * size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    base_ = static_cast<char *>(vxtest::mapLow(2 * size_, PROT_READ | PROT_WRITE));
+    if (!base_) throw std::runtime_error("no low pages");
     mprotect(base_ + size_, size_, PROT_NONE);
   }
   ~GuardedPage() { munmap(base_, 2 * size_); }
@@ -393,18 +405,18 @@ TEST_F(BagTest, InternalCreationAcceptsTheSystemBit) {
 
 // ----- The record --------------------------------------------------------------
 
-TEST_F(BagTest, HandleIsTheAddressOfALive32ByteRecord) {
+TEST_F(BagTest, HandleIsTheAddressOfALiveBagRecord) {
   int32_t vectorBlocks, vectorBytes;
   svcMemLive(ZAI_COMPONENT, ZAIFN_zaiVectorCreate, &vectorBlocks, &vectorBytes);
   VXHBAG bag = create(BAG_OPT_CHECK_SELECTORS);
   EXPECT_EQ(liveBagRecords(), 1);
-  EXPECT_EQ(svcCheckPointer(recordOf(bag), 32, SVC_CHECK_READ_WRITE), 0);
+  EXPECT_EQ(svcCheckPointer(recordOf(bag), kBagBytes, SVC_CHECK_READ_WRITE), 0);
   // The vector: its record and one block of 40 slot-table entries and places.
   int32_t blocks, bytes;
   svcMemLive(ZAI_COMPONENT, ZAIFN_zaiVectorCreate, &blocks, &bytes);
   EXPECT_EQ(blocks - vectorBlocks, 2);
-  EXPECT_EQ(bytes - vectorBytes, 28 + 40 * (24 + 4));
-  EXPECT_EQ(liveBytes(), 32 + 28 + 40 * (24 + 4));
+  EXPECT_EQ(bytes - vectorBytes, bagBytes(40) - kBagBytes);
+  EXPECT_EQ(liveBytes(), bagBytes(40));
   EXPECT_EQ(vxtest::liveBlocks(), blocksAtStart_ + 3);
   destroy(bag);
   EXPECT_EQ(vxtest::liveBlocks(), blocksAtStart_);
@@ -525,7 +537,7 @@ TEST_F(BagTest, OddHandlesAreRefusedAndTheBagStaysIntact) {
 TEST_F(BagTest, HandleOfMemoryThatCannotBeAccessedIsRefused) {
   vxtest::ProtectedPages pages;
   GuardedPage guarded;
-  std::memcpy(guarded.end() - 16, "ZABG", 4);  // 16 of its 32 bytes exist
+  std::memcpy(guarded.end() - 16, "ZABG", 4);  // 16 bytes of a record exist
   for (const void *address :
        {static_cast<const void *>(pages.none), static_cast<const void *>(pages.unmapped),
         static_cast<const void *>(guarded.end() - 16), static_cast<const void *>(guarded.end()),
@@ -555,16 +567,19 @@ TEST_F(BagTest, EvenHandlesWhereNoRecordCanBeAreRefused) {
 
 TEST_F(BagTest, HandleOfMemoryWithoutTheEyeCatcherIsRefused) {
   vxtest::ProtectedPages pages;
-  // Writable records that are not bags.
-  alignas(8) char fakes[4][32] = {};
+  // Writable records that are not bags, where a handle can name them.
+  vxtest::LowPage low;
+  char *fakes[4];
+  for (size_t i = 0; i < 4; ++i) fakes[i] = reinterpret_cast<char *>(low.bytes) + i * kBagBytes;
   std::memcpy(fakes[0], "ZABX", 4);
   std::memcpy(fakes[1], "?ABG", 4);
   std::memcpy(fakes[2], "zabg", 4);
   std::memcpy(fakes[3], "ZVEC", 4);
   std::vector<const void *> addresses = {fakes[0], fakes[1], fakes[2], fakes[3], pages.readOnly};
-  // A bag's own vector is a live block of the library, but not a bag.
+  // A bag's own vector is a live block of the library, but not a bag.  In
+  // the 64-bit build no handle can name one: only bag records lie low.
   VXHBAG real = create(0);
-  addresses.push_back(recordOf(real)->items);
+  if constexpr (!ZAI_WIDE_ADDRESSES) addresses.push_back(recordOf(real)->items);
   for (const void *address : addresses) {
     SCOPED_TRACE("address " + std::to_string(reinterpret_cast<uintptr_t>(address)));
     VXHBAG handle = handleOf(address);
@@ -580,7 +595,7 @@ TEST_F(BagTest, HandleOfMemoryWithoutTheEyeCatcherIsRefused) {
 
 TEST_F(BagTest, RecordInMemoryThatCannotBeWrittenIsRefused) {
   vxtest::ProtectedPages pages;
-  char record[32] = {'Z', 'A', 'B', 'G'};
+  char record[sizeof(zaiBAG)] = {'Z', 'A', 'B', 'G'};
   writeReadOnly(pages.readOnly, record, sizeof record);
   VXHBAG handle = handleOf(pages.readOnly);
   int32_t cc = -1, rc = -1;
@@ -814,8 +829,7 @@ TEST_F(BagTest, FreeingABagItemBeforeAnotherTakesTheBagThatMovedDown) {
   EXPECT_EQ(moved->type, ITEM_TYPE_BAG);
   EXPECT_EQ(moved->value.bag, second);
   ASSERT_EQ(liveBagRecords(), 2) << "holder and one nested bag are left";
-  ASSERT_EQ(liveBytes(), bytesBefore - (32 + 28 + 80 * (24 + 4)))
-      << "the second nested bag is the one released";
+  ASSERT_EQ(liveBytes(), bytesBefore - bagBytes(80)) << "the second nested bag is the one released";
   expectNewBag(first, BAG_OPT_ADMIN_BAG);  // untouched, and now owned by nobody
   // The moved item names a deleted bag; hand it the orphan so that deleting
   // the holder releases everything exactly once.
@@ -901,7 +915,7 @@ TEST_F(BagTest, BagWithMoreThanFortyItemsGrowsAndDeletesCleanly) {
   EXPECT_EQ(itemCount(bag), 41);
   EXPECT_EQ(recordOf(bag)->items->capacity, 80);
   EXPECT_EQ(vxtest::liveBlocks(), blocksAtStart_ + 3) << "the old block is released";
-  EXPECT_EQ(liveBytes(), 32 + 28 + 80 * (24 + 4));
+  EXPECT_EQ(liveBytes(), bagBytes(80));
   const std::vector<SystemItem> system = systemItemsFor(0);
   for (int32_t i = 0; i < 8; ++i) {
     EXPECT_EQ(zaiItemAt(recordOf(bag), i)->selector, system[static_cast<size_t>(i)].selector);
@@ -964,7 +978,7 @@ TEST_F(BagTest, EveryAllocationOfCreationCanFail) {
     } else {
       // The vector's block or its record: the bag record is kept.
       EXPECT_EQ(blocks, 1);
-      EXPECT_EQ(bytes, 32);
+      EXPECT_EQ(bytes, kBagBytes);
       ASSERT_EQ(vxtest::liveBlocks(), 1);
       EXPECT_TRUE(vxtest::releaseKeptBlock(ZAIFN_zaiCreateBag)) << "kept record not found";
     }

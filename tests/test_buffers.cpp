@@ -196,9 +196,9 @@ class BufferTest : public vxtest::BagTest {
   // The record of a live bag copied and marked as deletion marks it: the
   // address stays readable, so only the eye-catcher tells.
   VXHBAG deletedCopyOf(VXHBAG live) {
-    std::memcpy(deletedRecord_, zaiDecodeHandle(live), sizeof deletedRecord_);
-    deletedRecord_[0] = '?';
-    return handleOf(deletedRecord_);
+    std::memcpy(deletedRecord_.bytes, zaiDecodeHandle(live), sizeof(zaiBAG));
+    deletedRecord_.bytes[0] = '?';
+    return handleOf(deletedRecord_.bytes);
   }
 
   // Handles that name no bag, each with what it is.
@@ -226,7 +226,7 @@ class BufferTest : public vxtest::BagTest {
     return handle;
   }
 
-  alignas(8) unsigned char deletedRecord_[32];
+  vxtest::LowPage deletedRecord_;
 };
 
 // ===== vxBagToBuffer: conversion ==============================================
@@ -475,7 +475,7 @@ TEST_F(BufferTest, BagToBufferRefusesHandlesThatNameNoBag) {
     EXPECT_EQ(buffer, Bytes(92, 'x'));
     EXPECT_EQ(liveBlocks(), blocks);
   }
-  EXPECT_EQ(deletedRecord_[0], '?');
+  EXPECT_EQ(deletedRecord_.bytes[0], '?');
   EXPECT_EQ(itemsOf(live), sampleItems());
 }
 
@@ -703,7 +703,7 @@ TEST_F(BufferTest, BufferToBagRefusesHandlesThatNameNoBag) {
     EXPECT_EQ(got.marker, exitMarker(kBufferToBag, RC_BAG_HANDLE_ERROR));
     EXPECT_EQ(liveBlocks(), blocks);
   }
-  EXPECT_EQ(deletedRecord_[0], '?');
+  EXPECT_EQ(deletedRecord_.bytes[0], '?');
   EXPECT_EQ(itemsOf(live), before);
 }
 

@@ -910,9 +910,10 @@ TEST_F(FrameTest, ParameterLinesOfCreateBag) {
   EXPECT_EQ(linesOf(capture, kCreateBag),
             (Lines{"{ zaiCreateBag", "options:1 ", "pBag:" + pointerText(record),
                    "} zaiCreateBag rc=0"}));
-  EXPECT_EQ(
-      linesOf(capture, kVectorCreate),
-      (Lines{"{ zaiVectorCreate", "InitialSpace:40, ElementSize:24", "} zaiVectorCreate rc=0"}));
+  EXPECT_EQ(linesOf(capture, kVectorCreate),
+            (Lines{"{ zaiVectorCreate",
+                   "InitialSpace:40, ElementSize:" + std::to_string(sizeof(zaiPROPERTY)),
+                   "} zaiVectorCreate rc=0"}));
   EXPECT_EQ(linesOf(capture, kAddDefaultSystemItems),
             (Lines{"{ zaiAddDefaultSystemItems", "} zaiAddDefaultSystemItems rc=0"}));
   const Lines adds = linesOf(capture, kVectorAdd);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ostream>
+#include <stdexcept>
 
 #include "vxtest.h"
 
@@ -40,7 +41,8 @@ class IntegerTest : public vxtest::BagTest {
 struct ReadOnlyBagPage {
   ReadOnlyBagPage() {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    address = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    address = vxtest::mapLow(page, PROT_READ | PROT_WRITE);  // where a handle can name it
+    if (!address) throw std::runtime_error("no low page");
     std::memset(address, 0, page);
     std::memcpy(address, "ZABG", 4);
     mprotect(address, page, PROT_READ);
@@ -102,8 +104,9 @@ TEST_F(IntegerTest, AddRefusesBadHandles) {
   vxtest::ProtectedPages pages;
   ReadOnlyBagPage readOnly;
   // A copy of a live record, marked as deleted bags are.
-  alignas(8) unsigned char deleted[32];
-  std::memcpy(deleted, recordOf(live), sizeof deleted);
+  vxtest::LowPage low;
+  unsigned char *deleted = low.bytes;
+  std::memcpy(deleted, recordOf(live), sizeof(zaiBAG));
   deleted[0] = '?';
   const VXHBAG handles[] = {BAG_NONE,
                             -1,
@@ -659,8 +662,9 @@ TEST_F(IntegerTest, InquireChecksTheValuePointerAfterTheSelector) {
 
 TEST_F(IntegerTest, InquireRefusesBadHandles) {
   VXHBAG live = newBag(0);
-  alignas(8) unsigned char deleted[32];
-  std::memcpy(deleted, recordOf(live), sizeof deleted);
+  vxtest::LowPage low;  // where a handle can name the copy
+  unsigned char *deleted = low.bytes;
+  std::memcpy(deleted, recordOf(live), sizeof(zaiBAG));
   deleted[0] = '?';
   const VXHBAG handles[] = {BAG_NONE, -1, live + 1, zeroedHandle(), handleOf(deleted)};
   for (VXHBAG handle : handles) {

@@ -302,8 +302,9 @@ TEST_F(RemovalTest, DeleteWithAnInvalidHandleJudgesTheSelectorToo) {
   ASSERT_EQ(deleted, -1);
   vxtest::ProtectedPages pages;
   VXHBAG live = newBag(0);
-  alignas(8) unsigned char marked[32];
-  std::memcpy(marked, zaiDecodeHandle(live), sizeof marked);
+  vxtest::LowPage low;  // where a handle can name the copy
+  unsigned char *marked = low.bytes;
+  std::memcpy(marked, zaiDecodeHandle(live), sizeof(zaiBAG));
   marked[0] = '?';
   const VXHBAG handles[] = {deleted, zeroedHandle(),       handleOf(marked),        live + 1,
                             0,       handleOf(pages.none), handleOf(pages.readOnly)};
@@ -565,8 +566,9 @@ TEST_F(RemovalTest, ClearOfASystemBagIsNotAllowed) {
 TEST_F(RemovalTest, ClearRefusesBadHandles) {
   VXHBAG live = newBag(0);
   vxtest::ProtectedPages pages;
-  alignas(8) unsigned char marked[32];
-  std::memcpy(marked, zaiDecodeHandle(live), sizeof marked);
+  vxtest::LowPage low;  // where a handle can name the copy
+  unsigned char *marked = low.bytes;
+  std::memcpy(marked, zaiDecodeHandle(live), sizeof(zaiBAG));
   marked[0] = '?';
   const VXHBAG handles[] = {
       BAG_NONE, -1, live + 1, zeroedHandle(), handleOf(marked), handleOf(pages.none), 0};

@@ -626,15 +626,16 @@ TEST_F(SelectorTest, CountIgnoresItemTypeOfTheRange) {
 
 TEST_F(SelectorTest, CountChecksHandleThenCountPointerThenSelector) {
   vxtest::ProtectedPages pages;
-  alignas(4) char notABag[32];
-  std::memcpy(notABag, "ZXBGnot a bag at all, not at all", sizeof notABag);
+  vxtest::LowPage low;  // where a handle can name it
+  char *notABag = reinterpret_cast<char *>(low.bytes);
+  std::memcpy(notABag, "ZXBGnot a bag at all, not at all", 32);
   const VXHBAG badHandles[] = {
       BAG_NONE,
       -1,
-      static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(notABag)),
-      static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(notABag) + 1),
-      static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(pages.none)),
-      static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(pages.unmapped)),
+      vxtest::handleOf(notABag),
+      vxtest::handleOf(notABag) + 1,
+      vxtest::handleOf(pages.none),
+      vxtest::handleOf(pages.unmapped),
   };
   for (VXHBAG handle : badHandles) {
     SCOPED_TRACE("handle " + std::to_string(handle));
@@ -793,8 +794,7 @@ TEST_F(SelectorTest, ItemInfoChecksInArgumentOrder) {
   CallerBag plain(0);
   int32_t cc = -1, rc = -1, selector = 1234, type = 5678;
 
-  for (VXHBAG handle : {BAG_NONE, -1, admin.handle() + 1,
-                        static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(pages.unmapped))}) {
+  for (VXHBAG handle : {BAG_NONE, -1, admin.handle() + 1, vxtest::handleOf(pages.unmapped)}) {
     SCOPED_TRACE("handle " + std::to_string(handle));
     vxInquireItemInfo(handle, SEL_ANY_SELECTOR, 0, &selector, &type, &cc, &rc);
     EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_BAG_HANDLE_ERROR);
@@ -960,8 +960,7 @@ TEST_F(SelectorTest, InquireBagChecksHandleThenValuePointerThenSelector) {
   int32_t cc = -1, rc = -1;
   VXHBAG found = 4242;
 
-  for (VXHBAG handle : {BAG_NONE, -1, admin.handle() + 1,
-                        static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(pages.none))}) {
+  for (VXHBAG handle : {BAG_NONE, -1, admin.handle() + 1, vxtest::handleOf(pages.none)}) {
     SCOPED_TRACE("handle " + std::to_string(handle));
     vxInquireBag(handle, SEL_NESTED_REPLY_BAG, 0, &found, &cc, &rc);
     EXPECT_OUTCOME(cc, rc, CC_FAILED, RC_BAG_HANDLE_ERROR);

@@ -380,7 +380,7 @@ TEST_F(StringItems, AddToSystemBagIsRefused) {
 }
 
 TEST_F(StringItems, AddWithInvalidHandles) {
-  alignas(8) char notABag[32] = {};
+  vxtest::LowPage notABag;  // zeroed, where a handle can name it
   VXHBAG deleted = BAG_NONE;
   {
     int32_t cc = -1, rc = -1;
@@ -390,8 +390,7 @@ TEST_F(StringItems, AddWithInvalidHandles) {
     ASSERT_OK(cc, rc);
   }
   VXHBAG good = newBag();
-  const VXHBAG handles[] = {BAG_NONE, deleted, good | 1,
-                            static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(notABag))};
+  const VXHBAG handles[] = {BAG_NONE, deleted, good | 1, vxtest::handleOf(notABag.bytes)};
   for (VXHBAG handle : handles) {
     SCOPED_TRACE(handle);
     int32_t cc = -1, rc = -1;

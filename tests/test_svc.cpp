@@ -507,7 +507,7 @@ TEST_F(SvcTest, DumpAreaHoldsALabelledCopy) {
   ASSERT_EQ(areas.count, 1);
   const svcDUMPAREA &area = areas.area[0];
   EXPECT_STREQ(area.label, "Some record");
-  EXPECT_EQ(area.address, static_cast<uint32_t>(reinterpret_cast<uintptr_t>(source)));
+  EXPECT_EQ(area.address, reinterpret_cast<uintptr_t>(source));
   ASSERT_EQ(area.length, 40);
   EXPECT_EQ(std::memcmp(area.data, source, 40), 0);
 

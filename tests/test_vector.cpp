@@ -21,7 +21,12 @@ constexpr uint32_t exitMarker(int32_t result, int32_t function) {
   return static_cast<uint32_t>(result) << 16 | identifierOf(function);
 }
 
-// A 24-byte element, the size of a bag's item.
+// The record, and one slot-table entry (an address), take the width of the
+// build.
+constexpr int32_t kRecordBytes = sizeof(zaiVECTOR);
+constexpr int32_t kEntryBytes = sizeof(void *);
+
+// A 24-byte element, the size of a bag's item in the 32-bit build.
 struct Element {
   int32_t words[6];
 };
@@ -33,7 +38,7 @@ bool sameElement(const void *place, const Element &element) {
 }
 
 std::string hexOf(const void *address) {
-  char text[16];
+  char text[32];
   std::snprintf(text, sizeof text, "%.8lX",
                 static_cast<unsigned long>(reinterpret_cast<uintptr_t>(address)));
   return text;
@@ -43,7 +48,7 @@ std::string hexOf(const void *address) {
 ::testing::AssertionResult slotTableIsWhole(const zaiVECTOR *vector) {
   const auto *block = reinterpret_cast<const char *>(vector->slots);
   for (int32_t i = 0; i < vector->capacity; ++i) {
-    const char *place = block + vector->capacity * 4 + i * vector->slotSize;
+    const char *place = block + vector->capacity * kEntryBytes + i * vector->slotSize;
     if (vector->slots[i] != place)
       return ::testing::AssertionFailure()
              << "slot " << i << " of " << vector->capacity << " holds "
@@ -194,7 +199,7 @@ TEST_F(VectorTest, CreateFillsTheRecord) {
   zaiVECTOR *vector = create(40, 24);
   ASSERT_NE(vector, nullptr);
   EXPECT_EQ(std::memcmp(vector->eyeCatcher, "ZVEC", 4), 0);
-  EXPECT_EQ(vector->recordLength, 28);
+  EXPECT_EQ(vector->recordLength, kRecordBytes);
   EXPECT_EQ(vector->capacity, 40);
   EXPECT_EQ(vector->count, 0);
   EXPECT_EQ(vector->elementSize, 24);
@@ -206,7 +211,7 @@ TEST_F(VectorTest, CreateFillsTheRecord) {
   int32_t blocks, bytes;
   liveBlocksAndBytes(&blocks, &bytes);
   EXPECT_EQ(blocks - blocksBefore, 2);
-  EXPECT_EQ(bytes - bytesBefore, 40 * (24 + 4) + 28);
+  EXPECT_EQ(bytes - bytesBefore, 40 * (24 + kEntryBytes) + kRecordBytes);
   svcMemLive(ZAI_COMPONENT, ZAIFN_zaiVectorCreate, &blocks, &bytes);
   EXPECT_EQ(blocks, 2);
 }
@@ -224,7 +229,8 @@ TEST_F(VectorTest, SlotSizeIsTheElementSizeRoundedUpToFour) {
     EXPECT_TRUE(slotTableIsWhole(vector)) << "element size " << elementSize;
     int32_t blocks, bytes;
     liveBlocksAndBytes(&blocks, &bytes);
-    EXPECT_EQ(bytes - bytesBefore, 5 * (slotSize + 4) + 28) << "element size " << elementSize;
+    EXPECT_EQ(bytes - bytesBefore, 5 * (slotSize + kEntryBytes) + kRecordBytes)
+        << "element size " << elementSize;
     destroy(vector);
   }
 }
@@ -289,7 +295,7 @@ TEST_F(VectorTest, FortyFirstAddGrowsToEightyKeepingTheFirstForty) {
   int32_t blocks, bytes;
   liveBlocksAndBytes(&blocks, &bytes);
   EXPECT_EQ(blocks, blocksBefore);
-  EXPECT_EQ(bytes - bytesBefore, 40 * (24 + 4));
+  EXPECT_EQ(bytes - bytesBefore, 40 * (24 + kEntryBytes));
   EXPECT_EQ(reportsSinceStart(), 0);
 }
 
@@ -456,10 +462,10 @@ void expectIndexReport(const zaiVECTOR *vector, const std::vector<uint8_t> &reco
 TEST_F(VectorTest, RemoveWithIndexEqualToCountIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   EXPECT_EQ(zaiVectorRemoveAt(vector, 3), VEC_INVALID_INDEX);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   EXPECT_EQ(bytesOf(vector->slots[0], 8 * 24), places);
   ASSERT_EQ(reportsSinceStart(), 1);
   expectIndexReport(vector, record, 120, "zaiVectorRemoveAt", 3);
@@ -468,9 +474,9 @@ TEST_F(VectorTest, RemoveWithIndexEqualToCountIsRefused) {
 TEST_F(VectorTest, RemoveWithIndexMinusOneIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   EXPECT_EQ(zaiVectorRemoveAt(vector, -1), VEC_INVALID_INDEX);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   ASSERT_EQ(reportsSinceStart(), 1);
   expectIndexReport(vector, record, 120, "zaiVectorRemoveAt", -1);
 }
@@ -478,7 +484,7 @@ TEST_F(VectorTest, RemoveWithIndexMinusOneIsRefused) {
 TEST_F(VectorTest, RemoveFromAnEmptyVectorIsRefused) {
   zaiVECTOR *vector = create(8, 24);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   EXPECT_EQ(zaiVectorRemoveAt(vector, 0), VEC_INVALID_INDEX);
   EXPECT_EQ(vector->count, 0);
   ASSERT_EQ(reportsSinceStart(), 1);
@@ -488,11 +494,11 @@ TEST_F(VectorTest, RemoveFromAnEmptyVectorIsRefused) {
 TEST_F(VectorTest, SetWithIndexEqualToCountIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   Element element = elementNumber(50);
   EXPECT_EQ(zaiVectorSetAt(vector, &element, 3), VEC_INVALID_INDEX);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   EXPECT_EQ(bytesOf(vector->slots[0], 8 * 24), places) << "a refused set wrote a place";
   ASSERT_EQ(reportsSinceStart(), 1);
   expectIndexReport(vector, record, 121, "zaiVectorSetAt", 3);
@@ -501,7 +507,7 @@ TEST_F(VectorTest, SetWithIndexEqualToCountIsRefused) {
 TEST_F(VectorTest, SetWithIndexMinusOneIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   Element element = elementNumber(50);
   EXPECT_EQ(zaiVectorSetAt(vector, &element, -1), VEC_INVALID_INDEX);
@@ -541,7 +547,8 @@ void expectDamageReport(const std::vector<uint8_t> &record, int32_t function, co
   EXPECT_EQ(report.areas[0].length, 64);
   ASSERT_EQ(report.areas[0].bytes.size(), 64u);
   // The dump starts with the record as it was found.
-  EXPECT_EQ(std::vector<uint8_t>(report.areas[0].bytes.begin(), report.areas[0].bytes.begin() + 28),
+  EXPECT_EQ(std::vector<uint8_t>(report.areas[0].bytes.begin(),
+                                 report.areas[0].bytes.begin() + kRecordBytes),
             record);
 }
 
@@ -549,11 +556,11 @@ TEST_F(VectorTest, AddToADamagedVectorIsRefused) {
   zaiVECTOR *vector = filled(8, 2);
   ASSERT_NE(vector, nullptr);
   std::memcpy(vector->eyeCatcher, "XVEC", 4);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   Element element = elementNumber(5);
   EXPECT_EQ(zaiVectorAdd(vector, &element), VEC_INVALID_VECTOR);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   EXPECT_EQ(bytesOf(vector->slots[0], 8 * 24), places);
   ASSERT_EQ(reportsSinceStart(), 1);
   expectDamageReport(record, 119, "zaiVectorAdd");
@@ -578,10 +585,10 @@ TEST_F(VectorTest, RemoveFromADamagedVectorIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
   vector->eyeCatcher[0] = '?';
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   EXPECT_EQ(zaiVectorRemoveAt(vector, 1), VEC_INVALID_VECTOR);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   EXPECT_EQ(bytesOf(vector->slots[0], 8 * 24), places);
   ASSERT_EQ(reportsSinceStart(), 1);
   expectDamageReport(record, 120, "zaiVectorRemoveAt");
@@ -591,7 +598,7 @@ TEST_F(VectorTest, SetOnADamagedVectorIsRefused) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
   std::memset(vector->eyeCatcher, 0, 4);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   const std::vector<uint8_t> places = bytesOf(vector->slots[0], 8 * 24);
   Element element = elementNumber(5);
   EXPECT_EQ(zaiVectorSetAt(vector, &element, 1), VEC_INVALID_VECTOR);
@@ -604,7 +611,7 @@ TEST_F(VectorTest, DamagedVectorIsNeverReleased) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
   std::memcpy(vector->eyeCatcher, "ZVE?", 4);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   int32_t blocksBefore, bytesBefore;
   liveBlocksAndBytes(&blocksBefore, &bytesBefore);
 
@@ -613,7 +620,7 @@ TEST_F(VectorTest, DamagedVectorIsNeverReleased) {
   liveBlocksAndBytes(&blocks, &bytes);
   EXPECT_EQ(blocks, blocksBefore);
   EXPECT_EQ(bytes, bytesBefore);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
   ASSERT_EQ(reportsSinceStart(), 1);
   expectDamageReport(record, 118, "zaiVectorDestroy");
 
@@ -626,7 +633,7 @@ TEST_F(VectorTest, DamagedVectorWithABadIndexGivesTwoReports) {
   zaiVECTOR *vector = filled(8, 3);
   ASSERT_NE(vector, nullptr);
   vector->eyeCatcher[3] = 'X';
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
   EXPECT_EQ(zaiVectorRemoveAt(vector, 3), VEC_INVALID_INDEX);
   ASSERT_EQ(reportsSinceStart(), 2);
   expectDamageReport(record, 120, "zaiVectorRemoveAt", 1);
@@ -637,7 +644,7 @@ TEST_F(VectorTest, DamagedVectorWithABadIndexGivesTwoReports) {
   ASSERT_EQ(reportsSinceStart(), 4);
   expectDamageReport(record, 121, "zaiVectorSetAt", 1);
   expectIndexReport(vector, record, 121, "zaiVectorSetAt", -1, 0);
-  EXPECT_EQ(bytesOf(vector, 28), record);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
 }
 
 // ----- Memory failures ------------------------------------------------------
@@ -684,16 +691,16 @@ TEST_F(VectorTest, CreateGetsExactlyTwoBlocks) {
 TEST_F(VectorTest, FailedGrowthLeavesTheVectorAsItWas) {
   zaiVECTOR *vector = filled(4, 4);
   ASSERT_NE(vector, nullptr);
-  const std::vector<uint8_t> record = bytesOf(vector, 28);
-  const std::vector<uint8_t> block = bytesOf(vector->slots, 4 * (24 + 4));
+  const std::vector<uint8_t> record = bytesOf(vector, kRecordBytes);
+  const std::vector<uint8_t> block = bytesOf(vector->slots, 4 * (24 + kEntryBytes));
   int32_t blocksBefore, bytesBefore;
   liveBlocksAndBytes(&blocksBefore, &bytesBefore);
 
   svcInjectMemFailure(1);
   Element element = elementNumber(4);
   EXPECT_EQ(zaiVectorAdd(vector, &element), VEC_NO_STORAGE);
-  EXPECT_EQ(bytesOf(vector, 28), record);
-  EXPECT_EQ(bytesOf(vector->slots, 4 * (24 + 4)), block);
+  EXPECT_EQ(bytesOf(vector, kRecordBytes), record);
+  EXPECT_EQ(bytesOf(vector->slots, 4 * (24 + kEntryBytes)), block);
   int32_t blocks, bytes;
   liveBlocksAndBytes(&blocks, &bytes);
   EXPECT_EQ(blocks, blocksBefore);

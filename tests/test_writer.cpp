@@ -20,12 +20,17 @@ using vxtest::dataOf;
 constexpr uint8_t kFill = 0xEE;
 
 constexpr char kAreaLabel[] = "PCF Buffer Control Area";
-constexpr int32_t kFrameAreaLength = sizeof(zaiPCFBUFFER);  // 48 + 40 flags
+constexpr int32_t kFrameAreaLength = sizeof(zaiPCFBUFFER);  // fixed part and 40 flags
 
 // The nine selectors that are always written as lists.
 constexpr int32_t kAttributeLists[] = {1001, 1002, 1003, 1004, 1015, 1019, 1026, 1093, 1524};
 
 int32_t roundUp4(int32_t length) { return (length + 3) & ~3; }
+
+// The start of a report's dump line for an item, which is dumped whole.
+std::string propertyDumpLabel(const std::string &label) {
+  return "Dump area     : " + label + " (" + std::to_string(sizeof(zaiPROPERTY)) + " bytes";
+}
 
 // A message laid out by hand.  Padding after strings is expected to hold
 // whatever the buffer held (kFill unless the test says otherwise).
@@ -1085,8 +1090,10 @@ TEST_F(Writer, AllocatedAreaIsDumpedOverItsOwnLength) {
   EXPECT_OK(out.cc, out.rc);
   ASSERT_EQ(dumps.size(), 34u) << "the header and 33 integers";
   for (const AreaDump &dump : dumps) {
-    EXPECT_EQ(dump.bytes.size(), 48u + 41u);
-    EXPECT_EQ(dump.field(offsetof(zaiPCFBUFFER, areaLength)), 48 + 41);
+    // The fixed part and one written flag per item.
+    EXPECT_EQ(dump.bytes.size(), offsetof(zaiPCFBUFFER, written) + 41u);
+    EXPECT_EQ(dump.field(offsetof(zaiPCFBUFFER, areaLength)),
+              static_cast<int32_t>(offsetof(zaiPCFBUFFER, written)) + 41);
   }
 }
 
@@ -1126,8 +1133,7 @@ TEST_F(Writer, CorruptItemTypeIsReportedBySingleWriter) {
   EXPECT_NE(report.find("Function      : 134 "), std::string::npos) << report;
   EXPECT_NE(report.find("Result code   : 0x20006122\n"), std::string::npos) << report;
   EXPECT_NE(report.find("Inserts       : XMSA 9 0 0 0\n"), std::string::npos) << report;
-  EXPECT_NE(report.find("Dump area     : Invalid zaiPROPERTY (24 bytes"), std::string::npos)
-      << report;
+  EXPECT_NE(report.find(propertyDumpLabel("Invalid zaiPROPERTY")), std::string::npos) << report;
   EXPECT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](uint8_t b) { return b == kFill; }));
 }
 
@@ -1231,7 +1237,7 @@ TEST_F(Writer, UnexpectedLookupResultIsReported) {
   EXPECT_NE(report.find("Function      : 135 "), std::string::npos) << report;
   EXPECT_NE(report.find("Result code   : 0x20006118\n"), std::string::npos) << report;
   EXPECT_NE(report.find("Inserts       : XMSA 2309 0 0 0\n"), std::string::npos) << report;
-  EXPECT_NE(report.find("Dump area     : zaiPROPERTY (24 bytes"), std::string::npos) << report;
+  EXPECT_NE(report.find(propertyDumpLabel("zaiPROPERTY")), std::string::npos) << report;
 }
 
 // ----- Largest string ---------------------------------------------------------------

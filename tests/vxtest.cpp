@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <stdexcept>
 
 #include "vxnames.h"
 
@@ -126,13 +129,53 @@ std::string pointerText(const void *address) {
   return text;
 }
 
+void *mapLow(size_t bytes, int prot) {
+  constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
+  // Below the handle region of a 64-bit process; what is already mapped
+  // there (a program linked at a fixed address, its heap) is never replaced.
+  // Places are taken in rising order, wrapping around, so that an address
+  // just given back (ProtectedPages::unmapped) stays unmapped for a while.
+  constexpr uintptr_t kLowest = uintptr_t{16} << 20, kEnd = uintptr_t{256} << 20;
+  static std::atomic<uintptr_t> next{kLowest};
+  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t length = (bytes + page - 1) / page * page;
+  for (uintptr_t tried = 0; tried < kEnd - kLowest; tried += length) {
+    uintptr_t hint = next.fetch_add(length);
+    if (hint < kLowest || hint + length > kEnd) {
+      hint = kLowest;
+      next.store(kLowest + length);
+    }
+    void *mapped =
+        mmap(reinterpret_cast<void *>(hint), bytes, prot, kFlags | MAP_FIXED_NOREPLACE, -1, 0);
+    if (mapped == MAP_FAILED) {
+      if (errno == EEXIST) continue;
+      return nullptr;
+    }
+    if (reinterpret_cast<uintptr_t>(mapped) == hint) return mapped;
+    munmap(mapped, bytes);  // a kernel that took the flag for a hint
+  }
+  return nullptr;
+}
+
+LowPage::LowPage() : size(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
+  bytes = static_cast<unsigned char *>(mapLow(size, PROT_READ | PROT_WRITE));
+  if (!bytes) throw std::runtime_error("no low page");
+}
+
+LowPage::~LowPage() { munmap(bytes, size); }
+
 ProtectedPages::ProtectedPages() {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  none = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  readOnly = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  none = mapLow(page, PROT_NONE);
+  readOnly = mapLow(page, PROT_READ | PROT_WRITE);
+  unmapped = mapLow(page, PROT_READ);
+  if (!none || !readOnly || !unmapped) {
+    for (void *mapped : {none, readOnly, unmapped})
+      if (mapped) munmap(mapped, page);
+    throw std::runtime_error("no low pages");
+  }
   std::memset(readOnly, 'R', page);
   mprotect(readOnly, page, PROT_READ);
-  unmapped = mmap(nullptr, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   munmap(unmapped, page);
 }
 
@@ -144,9 +187,7 @@ ProtectedPages::~ProtectedPages() {
 
 PageEdge::PageEdge() {
   page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  void *mapped =
-      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  base = mapped == MAP_FAILED ? nullptr : static_cast<char *>(mapped);
+  base = static_cast<char *>(mapLow(2 * page, PROT_READ | PROT_WRITE));
   if (base) {
     std::memset(base, 'A', page);
     mprotect(base + page, page, PROT_NONE);
@@ -158,7 +199,13 @@ PageEdge::~PageEdge() {
 }
 
 VXHBAG handleOf(const void *record) {
-  return static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(record));
+  const auto address = reinterpret_cast<uintptr_t>(record);
+  const auto handle = static_cast<VXHBAG>(address);
+  // Above 32 bits the handle would name some other memory, and a test of a
+  // refused handle would pass for the wrong reason.
+  if (static_cast<uintptr_t>(static_cast<uint32_t>(handle)) != address)
+    ADD_FAILURE() << "no handle can name " << record << ": place it with vxtest::mapLow";
+  return handle;
 }
 
 uint32_t exitMarker(int32_t function, int32_t reason) {
@@ -231,10 +278,7 @@ int32_t countOf(VXHBAG bag, int32_t selector) {
   return count;
 }
 
-void BagTest::SetUp() {
-  VxTest::SetUp();
-  std::memset(zeroed_, 0, sizeof zeroed_);
-}
+void BagTest::SetUp() { VxTest::SetUp(); }
 
 void BagTest::TearDown() {
   for (VXHBAG bag : bags_) {

@@ -74,7 +74,25 @@ void expectAllUnder(const TraceCapture &trace, int32_t function);
 std::string pointerText(const void *address);
 inline std::string pointerText(VXHBAG bag) { return pointerText(zaiDecodeHandle(bag)); }
 
-// A page that cannot be accessed at all, and one that can only be read.
+// Maps `bytes` with protection `prot` where a 32-bit handle can name them:
+// between 16 and 256 MiB, below the library's handle region.  Null when no
+// place could be had.
+void *mapLow(size_t bytes, int prot);
+
+// A zeroed read-write page that a handle can name, for records made by hand.
+// Throws when no such page can be had.
+struct LowPage {
+  LowPage();
+  ~LowPage();
+  LowPage(const LowPage &) = delete;
+  LowPage &operator=(const LowPage &) = delete;
+  unsigned char *bytes;
+  size_t size;
+};
+
+// A page that cannot be accessed at all, and one that can only be read; all
+// three addresses can be named by a handle.  Throws when the pages cannot be
+// had.
 struct ProtectedPages {
   ProtectedPages();
   ~ProtectedPages();
@@ -85,7 +103,8 @@ struct ProtectedPages {
 
 // Two adjacent pages: the first readable and writable, filled with 'A' and
 // holding no null; the second not accessible at all, so that whatever reads
-// past the end of data placed at the end of the first page faults.
+// past the end of data placed at the end of the first page faults.  A handle
+// can name them.
 struct PageEdge {
   PageEdge();
   ~PageEdge();
@@ -95,7 +114,8 @@ struct PageEdge {
   char *base;  // null when the pages could not be had
 };
 
-// A handle as the caller holds it, from a record's address.
+// A handle as the caller holds it, from a record's address.  Fails the test
+// for an address that no handle can name (see mapLow).
 VXHBAG handleOf(const void *record);
 
 // Exit marker of a function of the library: reason << 16 | 25 << 10 | number.
@@ -149,12 +169,13 @@ class BagTest : public VxTest {
   VXHBAG newBag(int32_t options);
   // A bag as the library makes them for replies; callers cannot create one.
   VXHBAG newSystemBag(int32_t options = BAG_OPT_SYSTEM_BAG | BAG_OPT_CHECK_SELECTORS);
-  // A handle naming 32 zero bytes: readable and writable, but no bag.
-  VXHBAG zeroedHandle() { return handleOf(zeroed_); }
+  // A handle naming a record's worth of zero bytes: readable and writable,
+  // but no bag.
+  VXHBAG zeroedHandle() { return handleOf(zeroed_.bytes); }
 
   std::vector<VXHBAG> bags_;
   std::vector<zaiBAG *> systemBags_;
-  alignas(8) unsigned char zeroed_[32];
+  LowPage zeroed_;
 };
 
 }  // namespace vxtest

@@ -358,7 +358,8 @@ void zaiCreateBag(int32_t options, zaiBAG **ppBag, int32_t *pCompCode, int32_t *
   *pReason = RC_NONE;
   zaiTraceParms(&frame, "options:%d ", options);
   void *record = nullptr;
-  if (svcGetMem(ZAI_COMPONENT, ZAIFN_zaiCreateBag, sizeof(zaiBAG), 0, &record) != 0) {
+  // The record's address is the caller's 32-bit handle.
+  if (svcGetHandleMem(ZAI_COMPONENT, ZAIFN_zaiCreateBag, sizeof(zaiBAG), 0, &record) != 0) {
     zaiFail(pCompCode, pReason, RC_STORAGE_NOT_AVAILABLE);
   } else {
     auto *bag = static_cast<zaiBAG *>(record);

@@ -21,10 +21,10 @@ void fillSlotTable(zaiVECTOR *vector) {
   for (int32_t i = 0; i < vector->capacity; ++i) vector->slots[i] = places + i * vector->slotSize;
 }
 
-// Bytes of one block holding `capacity` slot-table entries and places, or -1
-// when that does not fit in 32 bits.
+// Bytes of one block holding `capacity` slot-table entries (one address
+// each) and places, or -1 when that does not fit in 32 bits.
 int32_t blockSize(int32_t capacity, int32_t slotSize) {
-  int64_t size = static_cast<int64_t>(capacity) * (slotSize + 4);
+  int64_t size = static_cast<int64_t>(capacity) * (slotSize + static_cast<int64_t>(sizeof(void *)));
   return size > INT32_MAX ? -1 : static_cast<int32_t>(size);
 }
 

@@ -18,11 +18,22 @@
 #include "vxai.h"
 #include "vxqi.h"
 
-static_assert(sizeof(void *) == 4, "the library is built for 32-bit Linux only");
-
 // ---------------------------------------------------------------------------
 // Records
 // ---------------------------------------------------------------------------
+
+// The library is built for 32-bit Linux, where every record has its 32-bit
+// layout, and for x86-64, where the same records carry 8-byte addresses.
+// Address-bearing fields are plain pointers, so they take the width of the
+// build; every other field is 32 bits in both.  The layouts of each build
+// are asserted below each record.
+constexpr bool ZAI_WIDE_ADDRESSES = sizeof(void *) == 8;
+static_assert(sizeof(void *) == 4 || ZAI_WIDE_ADDRESSES, "addresses are 4 or 8 bytes");
+
+// A record's layout in the 32-bit build, or in the 64-bit build.
+constexpr size_t zaiLayout(size_t narrow, size_t wide) {
+  return ZAI_WIDE_ADDRESSES ? wide : narrow;
+}
 
 // Growable array of fixed-size elements kept contiguous in insertion order.
 // slots[i] always holds the address of place i, in use or not; elements
@@ -30,14 +41,17 @@ static_assert(sizeof(void *) == 4, "the library is built for 32-bit Linux only")
 // places.
 struct zaiVECTOR {
   char eyeCatcher[4];    // "ZVEC"
-  int32_t recordLength;  // 28
+  int32_t recordLength;  // the size of this record
   int32_t capacity;
   int32_t count;
   int32_t elementSize;
   int32_t slotSize;  // element size rounded up to a multiple of 4
   void **slots;
 };
-static_assert(sizeof(zaiVECTOR) == 28, "zaiVECTOR is seven 32-bit words");
+static_assert(offsetof(zaiVECTOR, capacity) == 8 && offsetof(zaiVECTOR, count) == 12 &&
+              offsetof(zaiVECTOR, elementSize) == 16 && offsetof(zaiVECTOR, slotSize) == 20 &&
+              offsetof(zaiVECTOR, slots) == 24);
+static_assert(sizeof(zaiVECTOR) == zaiLayout(28, 32), "zaiVECTOR: seven 32-bit words");
 
 // One item, stored by value in its bag's vector.  A string item owns its heap
 // copy; a bag item owns its nested bag.
@@ -53,7 +67,11 @@ struct zaiPROPERTY {
   int32_t stringLength;    // string items only; 0 otherwise
   int32_t codedCharSetId;  // string items only; 0 otherwise
 };
-static_assert(sizeof(zaiPROPERTY) == 24, "zaiPROPERTY is six 32-bit words");
+static_assert(offsetof(zaiPROPERTY, selector) == 4 && offsetof(zaiPROPERTY, type) == 8 &&
+              offsetof(zaiPROPERTY, value) == zaiLayout(12, 16) &&
+              offsetof(zaiPROPERTY, stringLength) == zaiLayout(16, 24) &&
+              offsetof(zaiPROPERTY, codedCharSetId) == zaiLayout(20, 28));
+static_assert(sizeof(zaiPROPERTY) == zaiLayout(24, 32), "zaiPROPERTY: six 32-bit words");
 
 // A bag.  The caller owns it from creation to deletion; it owns its vector,
 // every item and, through them, its nested bags.
@@ -67,7 +85,10 @@ struct zaiBAG {
   int32_t checkSelectors;
   zaiVECTOR *items;
 };
-static_assert(sizeof(zaiBAG) == 32, "zaiBAG is eight 32-bit words");
+static_assert(offsetof(zaiBAG, systemBag) == 4 && offsetof(zaiBAG, checkSelectors) == 24 &&
+              offsetof(zaiBAG, items) == zaiLayout(28, 32));
+static_assert(sizeof(zaiBAG) == zaiLayout(32, 40), "zaiBAG: eight 32-bit words");
+static_assert(sizeof(zaiBAG) <= SVC_HANDLE_SLOT_BYTES, "a bag record fits a handle slot");
 
 inline VXHBAG zaiHandleOf(const zaiBAG *bag) {
   return static_cast<VXHBAG>(reinterpret_cast<uintptr_t>(bag));
@@ -658,7 +679,17 @@ struct zaiPCFBUFFER {
   int32_t currentListLength;  // the current list structure so far
   uint8_t written[ZAI_FRAME_FLAGS];
 };
-static_assert(sizeof(zaiPCFBUFFER) == 48 + ZAI_FRAME_FLAGS, "zaiPCFBUFFER is 12 words and flags");
+static_assert(offsetof(zaiPCFBUFFER, buffer) == 16 &&
+              offsetof(zaiPCFBUFFER, bufferLength) == zaiLayout(20, 24) &&
+              offsetof(zaiPCFBUFFER, usedLength) == zaiLayout(24, 28) &&
+              offsetof(zaiPCFBUFFER, header) == zaiLayout(28, 32) &&
+              offsetof(zaiPCFBUFFER, integerList) == zaiLayout(32, 40) &&
+              offsetof(zaiPCFBUFFER, stringList) == zaiLayout(36, 48) &&
+              offsetof(zaiPCFBUFFER, listStringLength) == zaiLayout(40, 56) &&
+              offsetof(zaiPCFBUFFER, currentListLength) == zaiLayout(44, 60) &&
+              offsetof(zaiPCFBUFFER, written) == zaiLayout(48, 64));
+static_assert(sizeof(zaiPCFBUFFER) == zaiLayout(48, 64) + ZAI_FRAME_FLAGS,
+              "zaiPCFBUFFER: 12 words and the written flags");
 
 // The written flag of a bag item; an allocated area's flags run past the
 // declared array, so they are reached from the area's address.

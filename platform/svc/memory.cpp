@@ -232,7 +232,24 @@ int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t fla
   return 0;
 }
 
+int32_t svcGetHandleMem(int32_t component, int32_t function, int32_t size, int32_t flags,
+                        void **block) {
+  // Every address of a 32-bit process fits a handle.
+  if constexpr (sizeof(void *) == 4) return svcGetMem(component, function, size, flags, block);
+  *block = nullptr;
+  if (size < 0 || flags != 0 || injectedFailure()) return 1;
+  const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
+  if (limit > 0 && size > limit) return 1;
+  *block = svc::regionGet(component, function, size);
+  return *block ? 0 : 1;
+}
+
 int32_t svcFreeMem(int32_t, void *block) {
+  if (svc::regionContains(block)) {
+    if (!svc::regionFree(block)) return 1;
+    gReleases.fetch_add(1, std::memory_order_release);
+    return 0;
+  }
   {
     std::unique_lock lock(gRegistryLock);
     auto found = gRegistry.find(reinterpret_cast<std::uintptr_t>(block));
@@ -247,27 +264,37 @@ int32_t svcFreeMem(int32_t, void *block) {
 }
 
 void svcMemLive(int32_t component, int32_t function, int32_t *blocks, int32_t *bytes) {
-  int32_t count = 0, total = 0;
-  std::shared_lock lock(gRegistryLock);
-  for (const auto &[address, block] : gRegistry) {
-    if (block.component != component) continue;
-    if (function != -1 && block.function != function) continue;
-    ++count;
-    total += static_cast<int32_t>(block.size);
+  int32_t count = 0;
+  std::int64_t total = 0;
+  {
+    std::shared_lock lock(gRegistryLock);
+    for (const auto &[address, block] : gRegistry) {
+      if (block.component != component) continue;
+      if (function != -1 && block.function != function) continue;
+      ++count;
+      total += block.size;
+    }
   }
+  svc::regionUsage(component, function, &count, &total);
   *blocks = count;
-  *bytes = total;
+  *bytes = static_cast<int32_t>(total);
 }
 
 int32_t svcMemLiveBlock(int32_t component, int32_t function, void **block) {
-  std::shared_lock lock(gRegistryLock);
-  for (const auto &[address, live] : gRegistry) {
-    if (live.component == component && live.function == function) {
-      *block = reinterpret_cast<void *>(address);
-      return 0;
+  {
+    std::shared_lock lock(gRegistryLock);
+    for (const auto &[address, live] : gRegistry) {
+      if (live.component == component && live.function == function) {
+        *block = reinterpret_cast<void *>(address);
+        return 0;
+      }
     }
   }
-  return 1;
+  return svc::regionLiveBlock(component, function, block) ? 0 : 1;
+}
+
+void svcHandleRegionUse(int64_t *liveSlots, int64_t *reservedBytes) {
+  svc::regionTotals(liveSlots, reservedBytes);
 }
 
 void svcSetMemBlockLimit(int32_t largest) {
@@ -301,6 +328,9 @@ int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode) {
   const auto count = static_cast<std::uintptr_t>(length > 0 ? length : 1);
   if (start + count - 1 < start) return 1;  // wraps past the address space
   const std::uintptr_t last = start + count - 1;
+  // The handle region is never asked of the kernel: its free slots are
+  // mapped, but no record lives there.
+  if (svc::regionContains(address)) return svc::regionRangeLive(start, last) ? 0 : 1;
   if (insideLiveStack(start, last)) return 0;
   if (insideLiveBlock(start, static_cast<std::uint32_t>(count))) return 0;
   const bool write = mode != SVC_CHECK_READ;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -39,8 +40,9 @@ std::string formatted(const char *format, ...) {
 }
 
 std::string dumpText(const svcDUMPAREA &area) {
-  return formatted("Dump area     : %.48s (%d bytes at 0x%08X)\n", area.label, area.length,
-                   area.address) +
+  // The address at the width of the process's addresses.
+  return formatted("Dump area     : %.48s (%d bytes at 0x%0*" PRIXPTR ")\n", area.label,
+                   area.length, static_cast<int>(2 * sizeof(void *)), area.address) +
          svc::hexLines(area.data, area.length, "  ");
 }
 
@@ -185,7 +187,7 @@ void svcBuildDumpArea(svcDUMPAREAS *areas, const char *label, const void *addres
   svcDUMPAREA &area = areas->area[areas->count++];
   std::memset(&area, 0, sizeof area);
   std::snprintf(area.label, sizeof area.label, "%s", label ? label : "");
-  area.address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address));
+  area.address = reinterpret_cast<std::uintptr_t>(address);
   std::int32_t wanted = std::clamp<std::int32_t>(length, 0, SVC_DUMP_BYTES);
   // A damaged record may sit next to unmapped memory: copy only what reads.
   if (wanted > 0 && svcCheckPointer(address, wanted, SVC_CHECK_READ) == 0) {

@@ -92,7 +92,8 @@ SVC_EXPORT int32_t svcGetPid(void);
 /* 0 when all `length` bytes from `address` may be accessed in `mode`, else
  * non-zero.  Never faults, installs no signal handler and never changes the
  * memory it checks.  A null address fails; a length of 0 or less checks one
- * byte.  Blocks of svcGetMem are recognised without a system call. */
+ * byte.  Blocks of svcGetMem are recognised without a system call; inside
+ * the handle region only the bytes of a slot in use pass. */
 SVC_EXPORT int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode);
 
 /* ---------------------------------------------------------------------- */
@@ -106,8 +107,22 @@ SVC_EXPORT int32_t svcCheckPointer(const void *address, int32_t length, int32_t 
 SVC_EXPORT int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t flags,
                              void **block);
 
-/* Releases a block of svcGetMem; any thread may release it.  Returns 0, or
- * non-zero (and releases nothing) for an address that is not a live block. */
+/* Gets a block for a record that a 32-bit handle names: its address is
+ * below 2 GiB, so the address itself, as a 32-bit value, is the handle.  In
+ * a 32-bit process every address is, and this is svcGetMem.  In a 64-bit
+ * process the block is a slot of SVC_HANDLE_SLOT_BYTES bytes (at least
+ * `size`, which may not be more) in a region that the services reserve below
+ * 2 GiB as it fills; when the address space there is taken it fails like
+ * svcGetMem without memory.  Accounted under its component and function,
+ * subject to svcInjectMemFailure and svcSetMemBlockLimit, and released with
+ * svcFreeMem.  A free slot is unreachable for the memory checkers. */
+#define SVC_HANDLE_SLOT_BYTES 48
+SVC_EXPORT int32_t svcGetHandleMem(int32_t component, int32_t function, int32_t size, int32_t flags,
+                                   void **block);
+
+/* Releases a block of svcGetMem or svcGetHandleMem; any thread may release
+ * it.  Returns 0, or non-zero (and releases nothing) for an address that is
+ * not a live block. */
 SVC_EXPORT int32_t svcFreeMem(int32_t component, void *block);
 
 /* ---------------------------------------------------------------------- */
@@ -121,8 +136,8 @@ SVC_EXPORT int32_t svcFreeMem(int32_t component, void *block);
  * copied when the area is built, so the report shows the memory as it was. */
 typedef struct svcDUMPAREA {
   char label[48];
-  uint32_t address; /* where the bytes came from */
-  int32_t length;   /* bytes held in data; unreadable memory gives 0 */
+  uintptr_t address; /* where the bytes came from */
+  int32_t length;    /* bytes held in data; unreadable memory gives 0 */
   unsigned char data[SVC_DUMP_BYTES];
 } svcDUMPAREA;
 
@@ -221,7 +236,7 @@ SVC_EXPORT void svcResetControlBlock(void);
 /* Test and tooling controls                                               */
 /* ---------------------------------------------------------------------- */
 
-/* Live blocks and bytes of svcGetMem for a component (and a function, or -1
+/* Live blocks and bytes of svcGetMem and svcGetHandleMem for a component (and a function, or -1
  * for all of the component's functions). */
 SVC_EXPORT void svcMemLive(int32_t component, int32_t function, int32_t *blocks, int32_t *bytes);
 
@@ -230,8 +245,12 @@ SVC_EXPORT void svcMemLive(int32_t component, int32_t function, int32_t *blocks,
  * Returns 0 with its address, or 1 when there is none. */
 SVC_EXPORT int32_t svcMemLiveBlock(int32_t component, int32_t function, void **block);
 
-/* Makes the n-th svcGetMem of the calling thread from now fail (1 = the
- * next one); 0 cancels.  Only the calling thread is affected. */
+/* The handle region of a 64-bit process: slots in use and bytes of address
+ * space reserved (both 0 in a 32-bit process, which has no region). */
+SVC_EXPORT void svcHandleRegionUse(int64_t *liveSlots, int64_t *reservedBytes);
+
+/* Makes the n-th svcGetMem or svcGetHandleMem of the calling thread from now
+ * fail (1 = the next one); 0 cancels.  Only the calling thread is affected. */
 SVC_EXPORT void svcInjectMemFailure(int32_t nth);
 
 /* Makes every svcGetMem of more than `largest` bytes fail, in every thread,

@@ -85,6 +85,24 @@ std::string timeAndThread();
 // starts with `indent` and ends with a newline.
 std::string hexLines(const unsigned char *data, std::int32_t length, const char *indent);
 
+// The handle region of a 64-bit process (handle_region.cpp), behind
+// svcGetHandleMem.  The region is reserved only when a slot is first asked
+// for, so in a 32-bit process, which never asks, it contains nothing.
+// A free slot of at least `size` bytes, or null.
+void *regionGet(std::int32_t component, std::int32_t function, std::int32_t size);
+// Whether the address lies in a reserved chunk of the region.
+bool regionContains(const void *address);
+// Releases a slot in use; false when the address is not one.
+bool regionFree(void *block);
+// Whether [start, last] lies within one slot in use (false outside the region).
+bool regionRangeLive(std::uintptr_t start, std::uintptr_t last);
+// Adds the region's blocks and bytes of a component (and function, or -1).
+void regionUsage(std::int32_t component, std::int32_t function, std::int32_t *blocks,
+                 std::int64_t *bytes);
+// Finds a slot in use of a component's function.
+bool regionLiveBlock(std::int32_t component, std::int32_t function, void **block);
+void regionTotals(std::int64_t *liveSlots, std::int64_t *reservedBytes);
+
 }  // namespace svc
 
 #endif

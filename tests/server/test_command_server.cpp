@@ -112,12 +112,12 @@ ReplyMessage readBag(VXHBAG bag) {
     if (type == ITEM_TYPE_INTEGER) {
       int32_t value = 0;
       vxInquireInteger(bag, SEL_ANY_USER_SELECTOR, i, &value, &cc, &rc);
-      reply.items.push_back({selector, value});
+      reply.items.emplace_back(selector, value);
     } else {
       char text[256];
       int32_t length = 0, ccsid = 0;
       vxInquireString(bag, SEL_ANY_USER_SELECTOR, i, sizeof text, text, &length, &ccsid, &cc, &rc);
-      reply.items.push_back({selector, std::string(text, static_cast<size_t>(length))});
+      reply.items.emplace_back(selector, std::string(text, static_cast<size_t>(length)));
     }
   }
   return reply;
