@@ -245,11 +245,9 @@ int32_t svcGetHandleMem(int32_t component, int32_t function, int32_t size, int32
 }
 
 int32_t svcFreeMem(int32_t, void *block) {
-  if (svc::regionContains(block)) {
-    if (!svc::regionFree(block)) return 1;
-    gReleases.fetch_add(1, std::memory_order_release);
-    return 0;
-  }
+  // A slot of the handle region is not in the registry (nor in the cache of
+  // the last live block, which the pointer check never asks for the region).
+  if (svc::regionContains(block)) return svc::regionFree(block) ? 0 : 1;
   {
     std::unique_lock lock(gRegistryLock);
     auto found = gRegistry.find(reinterpret_cast<std::uintptr_t>(block));
