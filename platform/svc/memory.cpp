@@ -77,6 +77,14 @@ bool injectedFailure() {
   return --tInjectCountdown == 0;
 }
 
+// A request that fails before any memory is looked for: a bad size or flags,
+// an injected failure, or a block above the process's limit.
+bool refusedUpFront(std::int32_t size, std::int32_t flags) {
+  if (size < 0 || flags != 0 || injectedFailure()) return true;
+  const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
+  return limit > 0 && size > limit;
+}
+
 // The calling thread's stack, [low, high), learnt once per thread.
 struct StackBounds {
   std::uintptr_t low = 0;
@@ -212,9 +220,7 @@ extern "C" {
 
 int32_t svcGetMem(int32_t component, int32_t function, int32_t size, int32_t flags, void **block) {
   *block = nullptr;
-  if (size < 0 || flags != 0 || injectedFailure()) return 1;
-  const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
-  if (limit > 0 && size > limit) return 1;
+  if (refusedUpFront(size, flags)) return 1;
   const std::shared_ptr<ThreadBudget> &budget = tBudget;
   if (!withinThreadBudget(budget.get(), size)) return 1;
   void *memory = std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
@@ -237,9 +243,7 @@ int32_t svcGetHandleMem(int32_t component, int32_t function, int32_t size, int32
   // Every address of a 32-bit process fits a handle.
   if constexpr (sizeof(void *) == 4) return svcGetMem(component, function, size, flags, block);
   *block = nullptr;
-  if (size < 0 || flags != 0 || injectedFailure()) return 1;
-  const std::int32_t limit = gBlockLimit.load(std::memory_order_relaxed);
-  if (limit > 0 && size > limit) return 1;
+  if (refusedUpFront(size, flags)) return 1;
   *block = svc::regionGet(component, function, size);
   return *block ? 0 : 1;
 }
