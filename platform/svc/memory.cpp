@@ -322,6 +322,8 @@ int32_t svcSetThreadMemLimit(int32_t largestBlock, int32_t totalBytes) {
 
 void svcInjectMemFailure(int32_t nth) { tInjectCountdown = nth > 0 ? nth : 0; }
 
+int32_t svcMemFailurePending(void) { return tInjectCountdown; }
+
 int32_t svcCheckPointer(const void *address, int32_t length, int32_t mode) {
   const auto start = reinterpret_cast<std::uintptr_t>(address);
   if (start == 0) return 1;

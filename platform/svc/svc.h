@@ -253,6 +253,11 @@ SVC_EXPORT void svcHandleRegionUse(int64_t *liveSlots, int64_t *reservedBytes);
  * fail (1 = the next one); 0 cancels.  Only the calling thread is affected. */
 SVC_EXPORT void svcInjectMemFailure(int32_t nth);
 
+/* Allocations of the calling thread still to go before the injected failure:
+ * 0 once it has happened (or when none was asked for).  Tells a test that
+ * fails each allocation in turn when a call has made fewer than n. */
+SVC_EXPORT int32_t svcMemFailurePending(void);
+
 /* Makes every svcGetMem of more than `largest` bytes fail, in every thread,
  * as if memory had run out; 0 lifts the limit.  Lets a tool that feeds the
  * library arbitrary input keep it from growing without end. */
