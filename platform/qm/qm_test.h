@@ -22,6 +22,17 @@ namespace vxqm::test {
 QM_TEST_EXPORT bool failNext(const std::string &entry, int32_t calls, int32_t compCode,
                              int32_t reason);
 
+// The nth call of the entry made by the calling thread from now does
+// nothing but return compCode and reason (1: the next one); 0 cancels.
+// Other threads' calls are not counted nor affected, so that a test can fail
+// one call of its own conversation while a server answers on another thread.
+// Returns false for a name that is not an entry.
+QM_TEST_EXPORT bool failNthOnThisThread(const std::string &entry, int32_t nth, int32_t compCode,
+                                        int32_t reason);
+// The calling thread's calls of the entry still to go before its scripted
+// failure: 0 once it has happened (or when none is scripted).
+QM_TEST_EXPORT int32_t callsBeforeFailureOnThisThread(const std::string &entry);
+
 // The next call of the entry throws inside the queue manager, as a failure
 // of memory (kOutOfMemory) or an unforeseen one (kUnexpected) would; the entry
 // reports it as RC_STORAGE_NOT_AVAILABLE or RC_UNEXPECTED_ERROR.

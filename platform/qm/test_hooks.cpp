@@ -30,6 +30,14 @@ struct Scripts {
   std::atomic<bool> armed{false};
 };
 
+// The scripts of the calling thread's own calls: a countdown per entry.
+struct ThreadScript {
+  int32_t countdown = 0;  // calls until the failure; 0: none
+  Outcome outcome;
+};
+thread_local std::array<ThreadScript, kEntries> tScripts;
+thread_local int32_t tArmedScripts = 0;  // entries of tScripts with a countdown
+
 Scripts &scripts() {
   static Scripts *all = new Scripts;  // never destroyed: entries may run at exit
   return *all;
@@ -79,6 +87,13 @@ int32_t counted(const std::string &qmName, Count count) {
 namespace hooks {
 
 std::optional<Outcome> intercept(Entry entry) {
+  if (tArmedScripts > 0) {
+    ThreadScript &own = tScripts[static_cast<size_t>(entry)];
+    if (own.countdown > 0 && --own.countdown == 0) {
+      --tArmedScripts;
+      return own.outcome;
+    }
+  }
   Scripts &all = scripts();
   if (!all.armed) return std::nullopt;
   std::lock_guard<std::mutex> lock(all.mutex);
@@ -110,6 +125,22 @@ bool failNext(const std::string &entry, int32_t calls, int32_t compCode, int32_t
   script.outcome = {compCode, reason};
   rearm(all);
   return true;
+}
+
+bool failNthOnThisThread(const std::string &entry, int32_t nth, int32_t compCode, int32_t reason) {
+  const std::optional<size_t> index = entryIndex(entry);
+  if (!index) return false;
+  ThreadScript &own = tScripts[*index];
+  if (own.countdown > 0) --tArmedScripts;
+  own.countdown = nth > 0 ? nth : 0;
+  own.outcome = {compCode, reason};
+  if (own.countdown > 0) ++tArmedScripts;
+  return true;
+}
+
+int32_t callsBeforeFailureOnThisThread(const std::string &entry) {
+  const std::optional<size_t> index = entryIndex(entry);
+  return index ? tScripts[*index].countdown : 0;
 }
 
 bool throwNext(const std::string &entry, Fault fault) {

@@ -21,6 +21,7 @@
 
 #include "command_server.h"
 #include "qm_admin.h"
+#include "qm_test.h"
 #include "vxtest.h"
 
 extern "C" {
@@ -492,4 +493,126 @@ TEST_F(OnlineFailures, QueueInterfaceCalls) {
     int32_t cc, rc;
     VXDISC(&hconn, &cc, &rc);
   }
+}
+
+// ----- The queue manager failing under vxExecute -----------------------------------
+
+namespace {
+
+// The failures each entry can give (its warnings are left out: a scripted
+// call does nothing, and a warning promises a result).
+struct EntryFailures {
+  const char *entry;
+  std::vector<int32_t> reasons;
+};
+
+const std::vector<EntryFailures> kEntryFailures = {
+    {"qmCONN", {RC_Q_MGR_NAME_ERROR, RC_HCONN_ERROR, RC_STORAGE_NOT_AVAILABLE}},
+    {"qmCONNX", {RC_Q_MGR_NAME_ERROR, RC_CONNECT_OPTIONS_ERROR, RC_HCONN_ERROR}},
+    {"qmDISC", {RC_HCONN_ERROR}},
+    {"qmOPEN",
+     {RC_HCONN_ERROR, RC_OBJECT_DESCRIPTOR_ERROR, RC_OPTIONS_ERROR, RC_HOBJ_ERROR,
+      RC_OBJECT_TYPE_ERROR, RC_OBJECT_NAME_ERROR, RC_UNKNOWN_OBJECT_Q_MGR, RC_UNKNOWN_OBJECT_NAME,
+      RC_OBJECT_IN_USE, RC_OBJECT_ALREADY_EXISTS, RC_STORAGE_NOT_AVAILABLE, RC_UNEXPECTED_ERROR,
+      RC_STORE_ERROR}},
+    {"qmCLOSE",
+     {RC_HCONN_ERROR, RC_HOBJ_ERROR, RC_OPTIONS_ERROR, RC_Q_NOT_EMPTY, RC_STORAGE_NOT_AVAILABLE,
+      RC_UNEXPECTED_ERROR, RC_STORE_ERROR}},
+    {"qmGET",
+     {RC_HCONN_ERROR, RC_HOBJ_ERROR, RC_MSG_DESCRIPTOR_ERROR, RC_GET_OPTIONS_ERROR,
+      RC_OPTIONS_ERROR, RC_WAIT_INTERVAL_ERROR, RC_BUFFER_LENGTH_ERROR, RC_BUFFER_ERROR,
+      RC_DATA_LENGTH_ERROR, RC_NOT_OPEN_FOR_INPUT, RC_Q_DELETED, RC_GET_INHIBITED,
+      RC_NO_MSG_AVAILABLE, RC_MSG_TRUNCATED, RC_STORAGE_NOT_AVAILABLE, RC_UNEXPECTED_ERROR,
+      RC_STORE_ERROR}},
+    {"qmPUT",
+     {RC_HCONN_ERROR, RC_HOBJ_ERROR, RC_MSG_DESCRIPTOR_ERROR, RC_PUT_OPTIONS_ERROR,
+      RC_OPTIONS_ERROR, RC_BUFFER_LENGTH_ERROR, RC_BUFFER_ERROR, RC_NOT_OPEN_FOR_OUTPUT,
+      RC_Q_DELETED, RC_PRIORITY_ERROR, RC_PERSISTENCE_ERROR, RC_EXPIRY_ERROR, RC_PUT_INHIBITED,
+      RC_MSG_TOO_BIG_FOR_Q, RC_Q_FULL, RC_STORAGE_NOT_AVAILABLE, RC_UNEXPECTED_ERROR,
+      RC_STORE_ERROR}},
+    {"qmPUT1", {RC_OBJECT_DESCRIPTOR_ERROR, RC_UNKNOWN_OBJECT_NAME, RC_Q_FULL}},
+    {"qmINQ",
+     {RC_HCONN_ERROR, RC_HOBJ_ERROR, RC_SELECTOR_COUNT_ERROR, RC_SELECTOR_ERROR,
+      RC_INT_ATTR_COUNT_ERROR, RC_INT_ATTRS_ARRAY_ERROR, RC_CHAR_ATTR_LENGTH_ERROR,
+      RC_CHAR_ATTRS_ERROR, RC_NOT_OPEN_FOR_INQUIRE, RC_STORAGE_NOT_AVAILABLE, RC_UNEXPECTED_ERROR}},
+    {"qmSET", {RC_HOBJ_ERROR, RC_NOT_OPEN_FOR_SET}},
+    {"qmCMIT", {RC_HCONN_ERROR}},
+    {"qmBACK", {RC_HCONN_ERROR}},
+    {"qmBEGIN", {RC_HCONN_ERROR, RC_BEGIN_OPTIONS_ERROR, RC_UOW_IN_PROGRESS}},
+};
+
+}  // namespace
+
+// Each entry fails at each of its calls in a conversation (a ping, with one
+// reply, and an inquiry with three), with each failure it can give.  The
+// conversation ends with that failure, or as the calls define it for those
+// that are not failures of the conversation: a reply longer than the buffer
+// is got again, the end of the wait after the first reply is a warning, and
+// a close of the clean-up never changes the outcome.  Its blocks are
+// released, no reply queue stays, and the next ping is answered.
+TEST_F(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
+  struct Conversation {
+    int32_t command;
+    std::function<void(VXHBAG)> fill;
+    int32_t replies;
+  } conversations[] = {
+      {CMD_PING, {}, 1},
+      {CMD_INQUIRE_Q, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "SWEEP.*"); }, 3},
+  };
+  int runs = 0;
+  for (const Conversation &conversation : conversations) {
+    for (const EntryFailures &failures : kEntryFailures) {
+      for (int32_t reason : failures.reasons) {
+        for (int32_t nth = 1;; ++nth) {
+          SCOPED_TRACE(std::string(failures.entry) + " call " + std::to_string(nth) +
+                       " fails with " + reasonName(reason) + ", command " +
+                       std::to_string(conversation.command));
+          const int32_t settled = settledBlocks();
+          const Blocks blocks{settled, liveBagRecords()};
+          prepare(conversation.fill);
+          ASSERT_TRUE(vxqm::test::failNthOnThisThread(failures.entry, nth, CC_FAILED, reason));
+          const Outcome outcome = execute(conversation.command);
+          const bool failed = vxqm::test::callsBeforeFailureOnThisThread(failures.entry) == 0;
+          vxqm::test::failNthOnThisThread(failures.entry, 0, CC_OK, RC_NONE);
+          int32_t replies = 0, cc, rc;
+          vxCountItems(reply_, SEL_NESTED_REPLY_BAG, &replies, &cc, &rc);
+          if (!failed) {
+            // The conversation makes fewer calls of the entry: all were failed.
+            EXPECT_EQ(outcome.compCode, CC_OK) << reasonName(outcome.reason);
+            EXPECT_EQ(replies, conversation.replies);
+            break;
+          }
+          ++runs;
+          const std::string entry = failures.entry;
+          if (entry == "qmCLOSE") {
+            // The clean-up's closes never change the outcome.
+            EXPECT_EQ(outcome.compCode, CC_OK) << reasonName(outcome.reason);
+            EXPECT_EQ(replies, conversation.replies);
+          } else if (entry == "qmGET" && reason == RC_MSG_TRUNCATED) {
+            EXPECT_EQ(outcome.compCode, CC_OK) << reasonName(outcome.reason);
+            EXPECT_EQ(replies, conversation.replies) << "every reply, each once";
+          } else if (entry == "qmGET" && reason == RC_NO_MSG_AVAILABLE && replies > 0) {
+            EXPECT_EQ(outcome.compCode, CC_WARNING);
+            EXPECT_EQ(outcome.reason, RC_NO_MSG_AVAILABLE) << reasonName(outcome.reason);
+          } else {
+            EXPECT_EQ(outcome.compCode, CC_FAILED);
+            EXPECT_EQ(outcome.reason, reason) << reasonName(outcome.reason);
+          }
+          // A close that failed leaves its queue open, and a reply queue that
+          // is not closed is not deleted: the connection's end closes both.
+          if (entry == "qmCLOSE") {
+            VXDISC(&hconn_, &cc, &rc);
+            char name[QM_NAME_LENGTH + 1] = "QM1";
+            VXCONN(name, &hconn_, &cc, &rc);
+            ASSERT_EQ(cc, CC_OK) << reasonName(rc);
+          }
+          EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 0) << "a reply queue left behind";
+          expectUnhurt(blocks);
+          if (::testing::Test::HasFailure()) return;
+        }
+      }
+    }
+  }
+  // Opens, inquiries, puts, gets and closes were each failed somewhere.
+  EXPECT_GT(runs, 100);
 }
