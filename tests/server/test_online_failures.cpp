@@ -9,12 +9,10 @@
 // program with malloc, calloc and realloc wrapped, so that the library's heap
 // can be made to fail on the calling thread alone; the command server
 // answers on its own thread, untouched.
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -123,36 +121,35 @@ class OnlineFailures : public ::testing::Test {
     return outcome;
   }
 
-  // The library's live blocks once the command server has answered a ping
-  // and put its own blocks of that request away.  The server answers on its
-  // own thread with the same library, so its blocks count too, and they are
-  // steady only while it waits for the next request.
-  int32_t settledBlocks() {
+  // The command server answers the next request.
+  void expectPingAnswered() {
     prepare({});
     const Outcome ping = execute(CMD_PING);
     EXPECT_EQ(ping.compCode, CC_OK) << "the command server answers: " << reasonName(ping.reason);
     int32_t cc, rc;
     vxClearBag(reply_, &cc, &rc);
-    int32_t blocks = vxtest::liveBlocks();
-    for (int wait = 0; wait < 1000; ++wait) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      const int32_t now = vxtest::liveBlocks();
-      if (now == blocks) break;
-      blocks = now;
-    }
-    return blocks;
-  }
-
-  static int32_t liveBagRecords() {
-    int32_t blocks = 0, bytes = 0;
-    svcMemLive(ZAI_COMPONENT, ZAIFN_zaiCreateBag, &blocks, &bytes);
-    return blocks;
   }
 
   struct Blocks {
     int32_t all;
     int32_t bagRecords;
   };
+
+  // The library's live blocks of this thread's bags and calls, the response
+  // bag emptied of the replies of the call before.  The command server
+  // answers on its own thread with the same library, so it is stopped for the
+  // count (it then holds nothing) and started again.
+  Blocks quietBlocks() {
+    int32_t cc, rc;
+    vxClearBag(reply_, &cc, &rc);
+    vxcsStop(server_);
+    server_ = nullptr;
+    int32_t records = 0, bytes = 0;
+    svcMemLive(ZAI_COMPONENT, ZAIFN_zaiCreateBag, &records, &bytes);
+    const Blocks blocks{vxtest::liveBlocks(), records};
+    EXPECT_EQ(vxcsStart(kQm, &server_), 0);
+    return blocks;
+  }
 
   // What must hold after a call that failed for want of memory.
   void expectUnhurt(const Blocks &blocks) {
@@ -166,8 +163,10 @@ class OnlineFailures : public ::testing::Test {
     // record of a bag whose item vector could not be had (one block), and a
     // reply bag that could not be read whole, which is neither nested nor
     // deleted (its record, its vector's record and block).
-    const int32_t left = settledBlocks() - blocks.all;
-    const int32_t keptRecords = liveBagRecords() - blocks.bagRecords;
+    expectPingAnswered();
+    const Blocks now = quietBlocks();
+    const int32_t left = now.all - blocks.all;
+    const int32_t keptRecords = now.bagRecords - blocks.bagRecords;
     EXPECT_TRUE(left == 0 || ((left == 1 || left == 3) && keptRecords == 1))
         << left << " blocks of the library left behind, " << keptRecords << " of them bag records";
     std::vector<std::string> temporary;
@@ -186,8 +185,7 @@ class OnlineFailures : public ::testing::Test {
     int n = 1;
     for (; n <= kLargestSweep; ++n) {
       SCOPED_TRACE(std::string("failing ") + nameOf(what) + " " + std::to_string(n));
-      const int32_t settled = settledBlocks();
-      const Blocks blocks{settled, liveBagRecords()};
+      const Blocks blocks = quietBlocks();
       if (before) before();
       failNth(what, n);
       const Outcome outcome = call();
@@ -567,8 +565,7 @@ TEST_F(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
           SCOPED_TRACE(std::string(failures.entry) + " call " + std::to_string(nth) +
                        " fails with " + reasonName(reason) + ", command " +
                        std::to_string(conversation.command));
-          const int32_t settled = settledBlocks();
-          const Blocks blocks{settled, liveBagRecords()};
+          const Blocks blocks = quietBlocks();
           prepare(conversation.fill);
           ASSERT_TRUE(vxqm::test::failNthOnThisThread(failures.entry, nth, CC_FAILED, reason));
           const Outcome outcome = execute(conversation.command);
