@@ -14,13 +14,13 @@
 #include <variant>
 #include <vector>
 
+#include "bag_items.h"
 #include "emulation.h"
 #include "command_server.h"
 #include "qm_admin.h"
 #include "qm_test.h"
 #include "svc.h"
 #include "vxai.h"
-#include "vxnames.h"
 #include "vxqi.h"
 
 namespace {
@@ -32,11 +32,7 @@ constexpr int32_t kLibraryComponent = 25;
 constexpr int32_t kPcfTypeCommand = 1;
 constexpr int32_t kPcfTypeResponse = 2;
 
-std::string reasonName(int32_t reason) {
-  const vxnames::Reason *entry = vxnames::findReason(reason);
-  return (entry ? std::string(entry->name) : std::string("reason")) + " (" +
-         std::to_string(reason) + ")";
-}
+using servertest::reasonName;
 
 #define EXPECT_REASON(actual, expected) EXPECT_EQ(reasonName(actual), reasonName(expected))
 
@@ -131,17 +127,8 @@ struct Execution {
 
 using Filler = std::function<void(VXHBAG)>;
 
-void addString(VXHBAG bag, int32_t selector, const std::string &value) {
-  int32_t cc, rc;
-  vxAddString(bag, selector, static_cast<int32_t>(value.size()), value.data(), &cc, &rc);
-  ASSERT_EQ(cc, CC_OK) << reasonName(rc);
-}
-
-void addInteger(VXHBAG bag, int32_t selector, int32_t value) {
-  int32_t cc, rc;
-  vxAddInteger(bag, selector, value, &cc, &rc);
-  ASSERT_EQ(cc, CC_OK) << reasonName(rc);
-}
+using servertest::addInteger;
+using servertest::addString;
 
 // Runs one command through vxExecute on `hconn` and reads every reply.
 Execution execute(int32_t hconn, int32_t command, const Filler &fill = {}, int32_t wait = 5000) {

@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bag_items.h"
 #include "command_server.h"
 #include "qm_admin.h"
 #include "qm_test.h"
@@ -51,6 +52,8 @@ VX_WRAPPER void *__wrap_realloc(void *block, size_t size) {
 }
 }
 
+using servertest::addInteger;
+using servertest::addString;
 using vxtest::reasonName;
 
 namespace {
@@ -233,18 +236,6 @@ class OnlineFailures : public ::testing::Test {
   int unique_ = 0;
 };
 
-void addName(VXHBAG bag, int32_t selector, const std::string &name) {
-  int32_t cc, rc;
-  vxAddString(bag, selector, static_cast<int32_t>(name.size()), name.data(), &cc, &rc);
-  ASSERT_EQ(cc, CC_OK) << reasonName(rc);
-}
-
-void addInteger(VXHBAG bag, int32_t selector, int32_t value) {
-  int32_t cc, rc;
-  vxAddInteger(bag, selector, value, &cc, &rc);
-  ASSERT_EQ(cc, CC_OK) << reasonName(rc);
-}
-
 }  // namespace
 
 TEST_F(OnlineFailures, Ping) { sweepCommand(CMD_PING, {}); }
@@ -257,15 +248,15 @@ TEST_F(OnlineFailures, CreateQueue) {
   // A create whose reply was lost still made its queue: each try has a name
   // of its own.
   sweepCommand(CMD_CREATE_Q, [this](VXHBAG bag) {
-    addName(bag, ATTR_Q_NAME, "SWEEP.NEW." + std::to_string(++unique_));
+    addString(bag, ATTR_Q_NAME, "SWEEP.NEW." + std::to_string(++unique_));
     addInteger(bag, ATTR_Q_TYPE, QTYPE_LOCAL);
-    addName(bag, ATTR_Q_DESC, "made while memory ran out");
+    addString(bag, ATTR_Q_DESC, "made while memory ran out");
   });
 }
 
 TEST_F(OnlineFailures, ChangeQueue) {
   sweepCommand(CMD_CHANGE_Q, [](VXHBAG bag) {
-    addName(bag, ATTR_Q_NAME, "SWEEP.A");
+    addString(bag, ATTR_Q_NAME, "SWEEP.A");
     addInteger(bag, ATTR_Q_TYPE, QTYPE_LOCAL);
     addInteger(bag, ATTR_MAX_Q_DEPTH, 777);
   });
@@ -273,8 +264,8 @@ TEST_F(OnlineFailures, ChangeQueue) {
 
 TEST_F(OnlineFailures, CopyQueue) {
   sweepCommand(CMD_COPY_Q, [this](VXHBAG bag) {
-    addName(bag, PARM_FROM_Q_NAME, "SWEEP.A");
-    addName(bag, PARM_TO_Q_NAME, "SWEEP.COPY." + std::to_string(++unique_));
+    addString(bag, PARM_FROM_Q_NAME, "SWEEP.A");
+    addString(bag, PARM_TO_Q_NAME, "SWEEP.COPY." + std::to_string(++unique_));
     addInteger(bag, ATTR_Q_TYPE, QTYPE_LOCAL);
   });
 }
@@ -284,7 +275,7 @@ TEST_F(OnlineFailures, DeleteQueue) {
   sweepCommand(
       CMD_DELETE_Q,
       [&victim](VXHBAG bag) {
-        addName(bag, ATTR_Q_NAME, victim);
+        addString(bag, ATTR_Q_NAME, victim);
         addInteger(bag, PARM_PURGE, 1);
       },
       [this, &victim] {
@@ -294,19 +285,19 @@ TEST_F(OnlineFailures, DeleteQueue) {
 }
 
 TEST_F(OnlineFailures, ClearQueue) {
-  sweepCommand(CMD_CLEAR_Q, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "SWEEP.B"); });
+  sweepCommand(CMD_CLEAR_Q, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.B"); });
 }
 
 TEST_F(OnlineFailures, InquireQueue) {
-  sweepCommand(CMD_INQUIRE_Q, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "SWEEP.*"); });
+  sweepCommand(CMD_INQUIRE_Q, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.*"); });
 }
 
 TEST_F(OnlineFailures, InquireQueueNames) {
-  sweepCommand(CMD_INQUIRE_Q_NAMES, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "*"); });
+  sweepCommand(CMD_INQUIRE_Q_NAMES, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "*"); });
 }
 
 TEST_F(OnlineFailures, InquireQueueStatus) {
-  sweepCommand(CMD_INQUIRE_Q_STATUS, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "SWEEP.*"); });
+  sweepCommand(CMD_INQUIRE_Q_STATUS, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.*"); });
 }
 
 // A bag put on a queue and got back, each failing in turn.
@@ -323,7 +314,7 @@ TEST_F(OnlineFailures, PutBagAndGetBag) {
   vxCreateBag(0, &got, &cc, &rc);
   for (int i = 0; i < 50; ++i) {
     addInteger(data, 100 + i, i);
-    addName(data, 3000 + i, "value number " + std::to_string(i));
+    addString(data, 3000 + i, "value number " + std::to_string(i));
   }
   auto put = [&] {
     Outcome outcome;
@@ -555,7 +546,7 @@ TEST_F(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
     int32_t replies;
   } conversations[] = {
       {CMD_PING, {}, 1},
-      {CMD_INQUIRE_Q, [](VXHBAG bag) { addName(bag, ATTR_Q_NAME, "SWEEP.*"); }, 3},
+      {CMD_INQUIRE_Q, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.*"); }, 3},
   };
   int runs = 0;
   for (const Conversation &conversation : conversations) {
