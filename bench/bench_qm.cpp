@@ -17,7 +17,7 @@
 
 #include "qm.h"
 #include "qm_admin.h"
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 namespace {
 

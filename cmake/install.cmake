@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 
 set(VX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VXAI)
 
-install(TARGETS vxai vxsvc vxqm vxcmdsrv EXPORT VXAITargets
+install(TARGETS vxai vxsvc vxqm vxqi_records vxcmdsrv EXPORT VXAITargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # vxadmin of the machine's own architecture goes in bin; that of a 32-bit
 # build beside its libraries (lib/i386-linux-gnu/vxai/vxadmin), so that both
@@ -20,7 +20,7 @@ file(RELATIVE_PATH VX_TOOL_TO_LIB ${CMAKE_INSTALL_PREFIX}/${VX_TOOL_DIR}
      ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vxadmin PROPERTIES INSTALL_RPATH "$ORIGIN/${VX_TOOL_TO_LIB}")
 install(TARGETS vxadmin RUNTIME DESTINATION ${VX_TOOL_DIR})
-install(FILES lib/vxai/vxai.h lib/vxi/vxqi.h server/command_server.h
+install(FILES lib/vxai/vxai.h lib/vxi/vxqi.h platform/qi/vxqi_records.h server/command_server.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vxai)
 
 install(EXPORT VXAITargets NAMESPACE VXAI:: DESTINATION ${VX_CMAKE_DIR})

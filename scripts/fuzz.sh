@@ -22,7 +22,7 @@ build=$(cd "$build" && pwd)
 
 common="-D_FILE_OFFSET_BITS=64 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
-  -Ilib/vxai -Ilib/vxi -Iplatform/svc -Iplatform/qm"
+  -Ilib/vxai -Ilib/vxi -Iplatform/qi -Iplatform/svc -Iplatform/qm"
 
 echo "== building fuzz_pcf in $build"
 objects=""

@@ -8,7 +8,7 @@ source=$1
 table=$source/tools/names/vxnames.cpp
 missing=0
 for name in $(sed -n -E 's/^#define ((RC|ATTR|PARM)_[A-Z0-9_]+) .*/\1/p' \
-    "$source/lib/vxai/vxai.h" "$source/lib/vxi/vxqi.h" "$source/server/command_server.h" | sort -u); do
+    "$source/lib/vxai/vxai.h" "$source/platform/qi/vxqi_records.h" "$source/server/command_server.h" | sort -u); do
   [ "$name" = ATTR_FIRST_CHAR_SELECTOR ] && continue
   if ! grep -q "\"$name\"" "$table"; then
     echo "no entry for $name in $table"

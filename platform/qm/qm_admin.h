@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 #define QM_ADMIN_EXPORT __attribute__((visibility("default")))
 

@@ -25,7 +25,7 @@
 #include "adaptive_mutex.h"
 #include "qm_admin.h"
 #include "store.h"
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 namespace vxqm {
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "qm_admin.h"
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 namespace vxqm {
 

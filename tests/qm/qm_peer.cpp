@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "qm.h"
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 namespace {
 

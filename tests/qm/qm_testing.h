@@ -13,7 +13,7 @@
 
 #include "qm.h"
 #include "qm_test.h"
-#include "vxqi.h"
+#include "vxqi_records.h"
 
 namespace qmtest {
 
