@@ -1,8 +1,8 @@
 #!/bin/sh
 # Runs one vxadmin case on a fresh data directory and compares what it
 # writes (standard output, standard error, exit status) with its golden
-# file.  What varies from run to run is masked first: message ids and the
-# names of temporary reply queues.
+# file.  What varies from run to run is masked first: message ids, the
+# names of temporary reply queues and the case's directory.
 #
 #   run_case.sh VXADMIN CASE GOLDEN     (UPDATE=1 writes the golden file)
 #
@@ -14,6 +14,7 @@ vxadmin=$1 case=$2 golden=$3
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+work=$(cd "$work" && pwd -P)
 cp "$(dirname "$0")/files/"* "$work/"
 
 args=$(sed -n 's/^args: //p' "$case" | head -n 1)
@@ -30,7 +31,8 @@ status=$?
   echo "== stderr"
   cat "$work/err"
   echo "== exit $status"
-} | sed -E -e 's/[0-9A-F]{48}/<msg-id>/g' \
+} | sed -E -e "s|$work|<work>|g" \
+           -e 's/[0-9A-F]{48}/<msg-id>/g' \
            -e 's/VXAI\.REPLY\.[0-9A-F]{16}/VXAI.REPLY.################/g' > "$work/actual"
 
 if [ "${UPDATE:-0}" = 1 ]; then

@@ -1,13 +1,23 @@
-// vxadmin: the administration tool.  It hosts the queue manager and its
-// command server in its own process and drives them only through the
-// library's exported calls: every administrative command is a vxExecute to
-// the command server, put and get are VXPUT1 and VXGET.
+// vxadmin: the administration tool.  It hosts the queue manager in its own
+// process and drives it only through the library's exported calls: every
+// administrative command is a vxExecute to the command server, put and get
+// are VXPUT1 and VXGET.  The command server is one that already reads the
+// command queue (serve and start run one of their own, with a pid file and
+// a log in the data directory), else one hosted in the process.
 //
 // Output is an aligned table for people, or with --json one JSON document
 // per command whose keys are the attribute names of vxnames.  Errors go to
 // standard error as one line; the exit status is 0 on success, 1 on a
 // warning, 2 on a failure.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +26,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -37,6 +48,8 @@ using Json = nlohmann::ordered_json;
 constexpr int kOk = 0;
 constexpr int kWarning = 1;
 constexpr int kFailure = 2;
+// stop: no command server runs for the queue manager.
+constexpr int kNotRunning = 3;
 
 // Edit distance between two words, for "did you mean" suggestions.
 size_t editDistance(const std::string &a, const std::string &b) {
@@ -252,8 +265,203 @@ struct GlobalOptions {
   std::string wait;
 };
 
-// The queue manager and its command server in this process, and the
-// connection the commands use; made on the first command that needs them.
+constexpr char kCommandQueue[] = "SYSTEM.ADMIN.COMMAND.QUEUE";
+
+// The data directory: --data, else VXQM_DATA, else the user's state
+// directory.  Empty when none can be named.
+std::string dataDirectoryOf(const GlobalOptions &options) {
+  if (!options.data.empty()) return options.data;
+  const char *fromEnv = std::getenv("VXQM_DATA");
+  if (fromEnv && fromEnv[0]) return fromEnv;
+  const char *state = std::getenv("XDG_STATE_HOME");
+  const char *home = std::getenv("HOME");
+  if (state && state[0] == '/') return std::string(state) + "/vxai";
+  if (home && home[0] == '/') return std::string(home) + "/.local/state/vxai";
+  return "";
+}
+
+std::string absolutePath(const std::string &path) {
+  char *absolute = realpath(path.c_str(), nullptr);
+  if (!absolute) return path;
+  std::string result = absolute;
+  std::free(absolute);
+  return result;
+}
+
+// Makes the data directory (mode 0700) and hands it to the queue manager
+// as VXQM_DATA, which it reads when it is created in this process: before
+// the first connect.  Returns the directory's absolute path.
+std::string prepareDataDirectory(const GlobalOptions &options) {
+  std::string dir = dataDirectoryOf(options);
+  if (dir.empty()) throw Outcome{kFailure, "no data directory: give --data DIR or set VXQM_DATA"};
+  for (size_t slash = 1; slash <= dir.size(); ++slash) {
+    if (slash != dir.size() && dir[slash] != '/') continue;
+    std::string part = dir.substr(0, slash);
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
+      throw Outcome{kFailure, "data directory " + dir + ": " + std::strerror(errno)};
+  }
+  struct stat info;
+  if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+    throw Outcome{kFailure, "data directory " + dir + ": not a directory"};
+  dir = absolutePath(dir);
+  setenv("VXQM_DATA", dir.c_str(), 1);
+  return dir;
+}
+
+// The files of a queue manager in its data directory: the database the
+// queue manager keeps, and the pid file and log of a command server that
+// serve or start runs.
+struct DataFiles {
+  DataFiles(const std::string &directory, const std::string &qmgr)
+      : directory(directory),
+        database(directory + "/" + qmgr + ".db"),
+        pidFile(directory + "/" + qmgr + ".server.pid"),
+        logFile(directory + "/" + qmgr + ".server.log") {}
+  std::string directory, database, pidFile, logFile;
+};
+
+// The queue manager's own rule for names; checked before a name becomes
+// part of a file name.
+void checkQmgrName(const std::string &qmgr) {
+  bool valid = !qmgr.empty() && qmgr.size() <= QM_NAME_LENGTH &&
+               std::all_of(qmgr.begin(), qmgr.end(), [](char c) {
+                 return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                        (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '/' || c == '%';
+               });
+  if (!valid)
+    throw Outcome{kFailure,
+                  "queue manager " + qmgr + ": " + vxnames::describeReason(RC_Q_MGR_NAME_ERROR)};
+}
+
+void sleepFor(int milliseconds) {
+  struct timespec interval = {milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+  while (nanosleep(&interval, &interval) != 0 && errno == EINTR) {
+  }
+}
+
+// The pid written in an open pid file; 0 when it holds none (yet).
+pid_t pidIn(int fd) {
+  char text[32] = {};
+  ssize_t length = pread(fd, text, sizeof text - 1, 0);
+  if (length <= 0) return 0;
+  char *end = nullptr;
+  long pid = std::strtol(text, &end, 10);
+  return pid > 0 && pid <= INT_MAX && (*end == '\n' || *end == '\0') ? static_cast<pid_t>(pid) : 0;
+}
+
+// The pid file of a command server run by serve or start.  The server holds
+// an exclusive flock on it for its whole life and the system drops the lock
+// however the process ends: a pid file whose lock nobody holds is stale,
+// whatever pid it names, and never blocks a new server.
+class PidFile {
+ public:
+  explicit PidFile(std::string path) : path_(std::move(path)) {}
+  ~PidFile() { release(); }
+  PidFile(const PidFile &) = delete;
+  PidFile &operator=(const PidFile &) = delete;
+
+  // Takes the lock and writes this process's pid into the file (mode
+  // 0600).  Returns false when another server holds the lock, with its pid
+  // in *holder (-1 when it cannot be read).
+  bool acquire(pid_t *holder) {
+    for (int attempt = 0;; ++attempt) {
+      int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+      if (fd < 0) throw Outcome{kFailure, "pid file " + path_ + ": " + std::strerror(errno)};
+      if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+        // A server that stops removes its file while it holds the lock: a
+        // lock taken on the removed file is no lock on the one at the path.
+        struct stat locked, named;
+        if (fstat(fd, &locked) != 0 || stat(path_.c_str(), &named) != 0 ||
+            locked.st_dev != named.st_dev || locked.st_ino != named.st_ino) {
+          close(fd);
+          continue;
+        }
+        std::string pid = std::to_string(getpid()) + "\n";
+        if (fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0 ||
+            pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+          std::string error = std::strerror(errno);
+          close(fd);
+          throw Outcome{kFailure, "pid file " + path_ + ": " + error};
+        }
+        fd_ = fd;
+        return true;
+      }
+      int error = errno;
+      if (error != EWOULDBLOCK) {
+        close(fd);
+        throw Outcome{kFailure, "pid file " + path_ + ": " + std::strerror(error)};
+      }
+      // Who looks whether a server runs holds a shared lock for a moment;
+      // a server holds its lock for ever.
+      if (attempt >= 25) {
+        *holder = pidIn(fd);
+        close(fd);
+        if (*holder == 0) *holder = -1;
+        return false;
+      }
+      close(fd);
+      sleepFor(20);
+    }
+  }
+
+  // Removes the file and drops the lock.
+  void release() {
+    if (fd_ < 0) return;
+    unlink(path_.c_str());
+    close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+// The pid of the command server that holds the lock of the pid file at
+// `path`: 0 when none does (no file, or a stale one), -1 when one does but
+// its pid cannot be read.
+pid_t lockHolder(const std::string &path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) {
+    if (errno == ENOENT) return 0;
+    throw Outcome{kFailure, "pid file " + path + ": " + std::strerror(errno)};
+  }
+  if (flock(fd, LOCK_SH | LOCK_NB) == 0) {
+    close(fd);
+    return 0;
+  }
+  // A server writes its pid right after it takes the lock.
+  pid_t pid = 0;
+  for (int attempt = 0; attempt < 50 && (pid = pidIn(fd)) == 0; ++attempt) sleepFor(10);
+  close(fd);
+  return pid == 0 ? -1 : pid;
+}
+
+std::string pidText(pid_t pid) { return pid > 0 ? "pid " + std::to_string(pid) : "pid unknown"; }
+
+// The number of handles that hold the command queue open for input: a
+// command server (of any process) reads it when it is above 0.  0 when the
+// queue cannot be inquired.
+int32_t commandQueueReaders(VXHCONN hconn) {
+  vxOBJDESC od = OD_DEFAULT;
+  std::memcpy(od.objectName, kCommandQueue, sizeof kCommandQueue - 1);
+  VXHOBJ hobj = 0;
+  int32_t compCode, reason;
+  VXOPEN(hconn, &od, OPEN_INQUIRE, &hobj, &compCode, &reason);
+  if (compCode == CC_FAILED) return 0;
+  int32_t selector = ATTR_OPEN_INPUT_COUNT, readers = 0;
+  VXINQ(hconn, hobj, 1, &selector, 1, &readers, 0, nullptr, &compCode, &reason);
+  if (compCode == CC_FAILED) readers = 0;
+  int32_t cc, rc;
+  VXCLOSE(hconn, &hobj, CLOSE_NONE, &cc, &rc);
+  return readers;
+}
+
+// The queue manager in this process, the connection the commands use, and
+// the command server that answers them: one already running (a serve or
+// start, or any other program's) when the command queue shows a reader,
+// else one hosted in this process.  Each is made on the first command that
+// needs it.
 class Session {
  public:
   explicit Session(const GlobalOptions &options) : options_(options) {}
@@ -269,16 +477,16 @@ class Session {
 
   VXHCONN connection() {
     if (hconn_ != 0) return hconn_;
-    prepareDataDirectory();
-    int32_t reason = vxcsStart(options_.qmgr.c_str(), &server_);
-    if (reason != 0)
-      throw Outcome{kFailure,
-                    "queue manager " + options_.qmgr +
-                        ": the command server does not start: " + vxnames::describeReason(reason)};
+    dataDirectory_ = prepareDataDirectory(options_);
     char name[QM_NAME_LENGTH + 1] = {};
     std::strncpy(name, options_.qmgr.c_str(), QM_NAME_LENGTH);
-    int32_t compCode;
-    VXCONN(name, &hconn_, &compCode, &reason);
+    int32_t compCode, reason;
+    if (options_.qmgr.size() > QM_NAME_LENGTH) {
+      compCode = CC_FAILED;
+      reason = RC_Q_MGR_NAME_ERROR;
+    } else {
+      VXCONN(name, &hconn_, &compCode, &reason);
+    }
     if (compCode == CC_FAILED) {
       hconn_ = 0;
       throw Outcome{kFailure,
@@ -287,46 +495,54 @@ class Session {
     return hconn_;
   }
 
+  // Makes sure that a command server reads the command queue.
+  void useCommandServer() {
+    if (serverChosen_) return;
+    VXHCONN hconn = connection();
+    if (commandQueueReaders(hconn) > 0) {
+      serverChosen_ = true;
+      // Only a server of serve or start has a pid file; any other program's
+      // server is used as well, without a pid.
+      try {
+        serverPid_ = lockHolder(files().pidFile);
+      } catch (const Outcome &) {
+        serverPid_ = 0;
+      }
+      return;
+    }
+    hostCommandServer();
+  }
+
+  // Starts a command server in this process (the one that ran elsewhere
+  // is gone, or there was none).
+  void hostCommandServer() {
+    connection();
+    int32_t reason = vxcsStart(options_.qmgr.c_str(), &server_);
+    if (reason != 0)
+      throw Outcome{kFailure,
+                    "queue manager " + options_.qmgr +
+                        ": the command server does not start: " + vxnames::describeReason(reason)};
+    serverChosen_ = true;
+    serverPid_ = 0;
+  }
+
+  bool hostsServer() const { return server_ != nullptr; }
+  // The pid of the server of another process that the commands use, from
+  // its pid file: 0 when the server is hosted here or has no pid file.
+  pid_t serverPid() const { return serverPid_; }
+  DataFiles files() const { return DataFiles(dataDirectory_, options_.qmgr); }
+
   const std::string &qmgr() const { return options_.qmgr; }
   const std::string &waitOption() const { return options_.wait; }
   // A command of a shell may give its own --wait.
   void setWait(const std::string &wait) { options_.wait = wait; }
 
  private:
-  // The queue manager keeps its state in VXQM_DATA: --data, else the
-  // variable, else the user's state directory.  Made with mode 0700.
-  void prepareDataDirectory() {
-    std::string dir = options_.data;
-    if (dir.empty() && std::getenv("VXQM_DATA")) dir = std::getenv("VXQM_DATA");
-    if (dir.empty()) {
-      const char *state = std::getenv("XDG_STATE_HOME");
-      const char *home = std::getenv("HOME");
-      if (state && state[0] == '/')
-        dir = std::string(state) + "/vxai";
-      else if (home && home[0] == '/')
-        dir = std::string(home) + "/.local/state/vxai";
-      else
-        throw Outcome{kFailure, "no data directory: give --data DIR or set VXQM_DATA"};
-    }
-    for (size_t slash = 1; slash <= dir.size(); ++slash) {
-      if (slash != dir.size() && dir[slash] != '/') continue;
-      std::string part = dir.substr(0, slash);
-      if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
-        throw Outcome{kFailure, "data directory " + dir + ": " + std::strerror(errno)};
-    }
-    struct stat info;
-    if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
-      throw Outcome{kFailure, "data directory " + dir + ": not a directory"};
-    char *absolute = realpath(dir.c_str(), nullptr);
-    if (absolute) {
-      dir = absolute;
-      std::free(absolute);
-    }
-    setenv("VXQM_DATA", dir.c_str(), 1);
-  }
-
   GlobalOptions options_;
+  std::string dataDirectory_;
   vxcsSERVER *server_ = nullptr;
+  bool serverChosen_ = false;
+  pid_t serverPid_ = 0;
   VXHCONN hconn_ = 0;
 };
 
@@ -339,19 +555,31 @@ struct Replies {
 // vxExecute itself) becomes an Outcome that names the reason and, when the
 // server names one, the parameter.
 Replies execute(Session &session, const std::string &what, int32_t command, Bag &request) {
-  VXHCONN hconn = session.connection();
-  Bag reply;
   std::optional<Bag> options;
   if (!session.waitOption().empty()) {
     options.emplace();
     options->add(PARM_WAIT_INTERVAL, parseNumber("--wait", session.waitOption()));
   }
-  int32_t compCode, reason;
-  vxExecute(hconn, command, options ? options->get() : BAG_NONE, request.get(), reply.get(),
-            HOBJ_NONE, HOBJ_NONE, &compCode, &reason);
+  session.useCommandServer();
+  VXHCONN hconn = session.connection();
+  std::optional<Bag> replyBag;
+  int32_t compCode, reason, count = 0, cc, rc;
+  for (;;) {
+    replyBag.emplace();
+    vxExecute(hconn, command, options ? options->get() : BAG_NONE, request.get(), replyBag->get(),
+              HOBJ_NONE, HOBJ_NONE, &compCode, &reason);
+    vxCountItems(replyBag->get(), SEL_NESTED_REPLY_BAG, &count, &cc, &rc);
+    // The server of another process stopped since it was seen: nothing was
+    // sent, so the command goes to one of this process.
+    if (compCode == CC_FAILED && reason == RC_COMMAND_SERVER_NOT_AVAILABLE && count == 0 &&
+        !session.hostsServer()) {
+      session.hostCommandServer();
+      continue;
+    }
+    break;
+  }
+  Bag &reply = *replyBag;
   Replies replies;
-  int32_t count = 0, cc, rc;
-  vxCountItems(reply.get(), SEL_NESTED_REPLY_BAG, &count, &cc, &rc);
   std::string failure;
   for (int32_t i = 0; i < count; ++i) {
     VXHBAG nested = BAG_NONE;
@@ -428,6 +656,7 @@ struct Arguments {
   std::string name, toName, pattern, text, file, type = "local", wait, count;
   std::string priority;
   bool purge = false, browse = false, nonPersistent = false, keepGoing = false, echo = false;
+  bool all = false;
   QueueAttributes attributes;
   std::string shellFile;
 };
@@ -437,7 +666,7 @@ struct Parser {
   Arguments args;
   CLI::App *ping, *show, *showQmgr, *showQueue, *create, *createQueue, *change, *changeQueue, *copy,
       *copyQueue, *del, *deleteQueue, *clear, *clearQueue, *list, *listQueues, *status, *put, *get,
-      *shell;
+      *shell, *serve, *start, *stop;
 
   explicit Parser(bool inShell) {
     app.allow_extras();
@@ -484,8 +713,12 @@ struct Parser {
     list = command(&app, "list", "list objects");
     listQueues = command(list, "queues", "list the names of queues");
     listQueues->add_option("PATTERN", args.pattern, "name or prefix followed by * (default *)");
+    listQueues->add_flag("--all", args.all,
+                         "include the temporary reply queues of commands (VXAI.REPLY.*)");
     status = command(&app, "status", "show the depth and open counts of queues");
     status->add_option("PATTERN", args.pattern, "name or prefix followed by * (default *)");
+    status->add_flag("--all", args.all,
+                     "include the temporary reply queues of commands (VXAI.REPLY.*)");
     put = command(&app, "put", "put a message on a queue");
     put->add_option("QUEUE", args.name, "queue name")->required();
     put->add_option("TEXT", args.text, "message text (default: standard input)");
@@ -505,8 +738,14 @@ struct Parser {
       shell->add_option("FILE", args.shellFile, "file of commands (default: standard input)");
       shell->add_flag("--keep-going", args.keepGoing, "go on after a failure");
       shell->add_flag("--echo", args.echo, "print each command before its output");
+      // Not commands of a shell: start forks, which a process whose command
+      // server's thread already runs must not do.
+      serve = command(&app, "serve",
+                      "run the command server in the foreground until SIGTERM or SIGINT");
+      start = command(&app, "start", "run the command server in the background");
+      stop = command(&app, "stop", "stop the command server that serve or start runs");
     } else {
-      shell = nullptr;
+      shell = serve = start = stop = nullptr;
     }
   }
 
@@ -725,6 +964,312 @@ Outcome getMessages(Parser &parser, Session &session) {
   return outcome;
 }
 
+// The reply queues of vxExecute: temporary dynamic queues made from the
+// model queue with this prefix, one per command of any requester, this
+// tool's own included.
+constexpr char kReplyQueuePrefix[] = "VXAI.REPLY.";
+
+bool isReplyQueue(const Json &name) {
+  return name.is_string() && name.get<std::string>().rfind(kReplyQueuePrefix, 0) == 0;
+}
+
+// ----- A command server of its own: serve, start and stop ---------------------
+
+// One line of a command server's log on standard error, written in one go
+// so that lines never mix.
+void logEvent(const std::string &text) {
+  char stamp[40] = "";
+  time_t now = std::time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local)) std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S%z", &local);
+  std::string line =
+      std::string(stamp) + " vxadmin[" + std::to_string(getpid()) + "]: " + text + "\n";
+  for (size_t done = 0; done < line.size();) {
+    ssize_t written = write(STDERR_FILENO, line.data() + done, line.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) break;
+    done += static_cast<size_t>(written);
+  }
+}
+
+// Tells the start that waits on the pipe `*fd` (-1: none) how its server
+// fared, "ready PID" or "failed MESSAGE", and closes the pipe.
+void report(int *fd, const std::string &line) {
+  if (*fd < 0) return;
+  std::string text = line + "\n";
+  // A start that gave up reads no more; SIGPIPE is ignored.
+  if (write(*fd, text.data(), text.size()) < 0) errno = 0;
+  close(*fd);
+  *fd = -1;
+}
+
+// A ping through the queue manager, as any requester sends it: 0 when a
+// command server answers, else the reason.
+int32_t pingCommandServer(const std::string &qmgr) {
+  char name[QM_NAME_LENGTH + 1] = {};
+  std::strncpy(name, qmgr.c_str(), QM_NAME_LENGTH);
+  VXHCONN hconn = 0;
+  int32_t compCode, reason;
+  VXCONN(name, &hconn, &compCode, &reason);
+  if (compCode == CC_FAILED) return reason;
+  try {
+    Bag options, request, reply;
+    options.add(PARM_WAIT_INTERVAL, 10000);
+    vxExecute(hconn, CMD_PING, options.get(), request.get(), reply.get(), HOBJ_NONE, HOBJ_NONE,
+              &compCode, &reason);
+  } catch (const UsageError &) {
+    compCode = CC_FAILED;
+    reason = RC_STORAGE_NOT_AVAILABLE;
+  }
+  int32_t cc, rc;
+  VXDISC(&hconn, &cc, &rc);
+  return compCode == CC_OK ? 0 : reason;
+}
+
+// Runs a command server until SIGTERM or SIGINT, then stops it: the body of
+// serve, and of the daemon of start, whose pipe `ready` learns whether the
+// server answers (-1: nobody waits).  Each event is a line of the log on
+// standard error.  Returns the exit status.
+int serve(const GlobalOptions &options, int ready) {
+  const std::string subject = "command server of queue manager " + options.qmgr;
+  auto fail = [&](const std::string &message) {
+    logEvent(message);
+    report(&ready, "failed " + message);
+    return kFailure;
+  };
+  // Standard error may be a pipe whose reader is gone: the server goes on.
+  signal(SIGPIPE, SIG_IGN);
+  // The stop signals wait for sigwait in every thread; the server's thread
+  // inherits the mask.  One that comes while the server starts is kept.  A
+  // signal ignored is discarded unseen, and a shell ignores SIGINT for what
+  // it runs in the background: the server's own disposition is the default.
+  signal(SIGTERM, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  try {
+    std::string dir = prepareDataDirectory(options);
+    checkQmgrName(options.qmgr);
+    DataFiles files(dir, options.qmgr);
+    PidFile pidFile(files.pidFile);
+    pid_t holder = 0;
+    if (!pidFile.acquire(&holder))
+      return fail("a " + subject + " is already running (" + pidText(holder) + ")");
+    vxcsSERVER *server = nullptr;
+    int32_t reason = vxcsStart(options.qmgr.c_str(), &server);
+    if (reason == 0 && (reason = pingCommandServer(options.qmgr)) != 0) vxcsStop(server);
+    if (reason != 0) return fail(subject + " does not start: " + vxnames::describeReason(reason));
+    logEvent(subject + " started (pid " + std::to_string(getpid()) + ", data directory " + dir +
+             ", database " + files.database + ")");
+    report(&ready, "ready " + std::to_string(getpid()));
+    int received = 0;
+    while (sigwait(&stopSignals, &received) != 0) {
+    }
+    logEvent("stopping the " + subject + " (" + (received == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+    vxcsStop(server);
+    pidFile.release();
+    logEvent(subject + " stopped");
+    return kOk;
+  } catch (const Outcome &outcome) {
+    return fail(outcome.message);
+  } catch (const std::exception &error) {
+    return fail(error.what());
+  }
+}
+
+// Closes every descriptor the daemon inherited but `keep`: a pipe of
+// whoever ran start that stays open here would keep it waiting for the
+// pipe's end as long as the server runs.
+void closeInheritedFiles(int keep) {
+  std::vector<int> inherited;
+  if (DIR *fds = opendir("/proc/self/fd")) {
+    while (struct dirent *entry = readdir(fds)) {
+      int fd = std::atoi(entry->d_name);
+      if (fd > STDERR_FILENO && fd != keep && fd != dirfd(fds)) inherited.push_back(fd);
+    }
+    closedir(fds);
+  }
+  for (int fd : inherited) close(fd);
+}
+
+// The daemon of start: standard input from /dev/null, standard output and
+// error appended to the log, then the server.
+int runDaemon(const GlobalOptions &options, const DataFiles &files, int ready) {
+  closeInheritedFiles(ready);
+  if (chdir("/") != 0) return kFailure;
+  int null = open("/dev/null", O_RDONLY);
+  int log = open(files.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0600);
+  if (null < 0 || log < 0 || fchmod(log, 0600) != 0 || dup2(null, STDIN_FILENO) < 0 ||
+      dup2(log, STDOUT_FILENO) < 0 || dup2(log, STDERR_FILENO) < 0) {
+    report(&ready, "failed log " + files.logFile + ": " + std::strerror(errno));
+    return kFailure;
+  }
+  if (null > STDERR_FILENO) close(null);
+  if (log > STDERR_FILENO) close(log);
+  return serve(options, ready);
+}
+
+int64_t monotonicMilliseconds() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// The line the daemon reports on `fd`; empty when it ends the pipe without
+// one, "timeout" when none comes within `wait` ms (-1: no limit).
+std::string readReport(int fd, int32_t wait) {
+  int64_t deadline = monotonicMilliseconds() + wait;
+  std::string line;
+  for (;;) {
+    int remaining =
+        wait < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, deadline - monotonicMilliseconds()));
+    struct pollfd readable = {fd, POLLIN, 0};
+    int ready = poll(&readable, 1, remaining);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) return "timeout";
+    char buffer[512];
+    ssize_t length = read(fd, buffer, sizeof buffer);
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return "";
+    line.append(buffer, static_cast<size_t>(length));
+    size_t end = line.find('\n');
+    if (end != std::string::npos) return line.substr(0, end);
+  }
+}
+
+// start: the server of serve as a daemon (a session of its own, not its
+// leader, so it never gets a controlling terminal), which reports over a
+// pipe whether it answers; start returns when it knows.
+Outcome startServer(Parser &parser) {
+  GlobalOptions options = parser.args.global;
+  const std::string subject = "command server of queue manager " + options.qmgr;
+  int32_t wait = options.wait.empty() ? 30000 : parseNumber("--wait", options.wait);
+  // The daemon works from "/": it takes the directory as an absolute path.
+  options.data = prepareDataDirectory(options);
+  checkQmgrName(options.qmgr);
+  DataFiles files(options.data, options.qmgr);
+  pid_t running = lockHolder(files.pidFile);
+  if (running != 0)
+    return {kFailure, "start: a " + subject + " is already running (" + pidText(running) + ")"};
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0)
+    return {kFailure, "start: " + std::string(std::strerror(errno))};
+  std::cout.flush();
+  std::cerr.flush();
+  pid_t child = fork();
+  if (child < 0) {
+    std::string error = std::strerror(errno);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    return {kFailure, "start: " + error};
+  }
+  if (child == 0) {
+    close(pipeFds[0]);
+    int ready = pipeFds[1];
+    if (setsid() < 0 || (child = fork()) < 0) {
+      report(&ready, "failed " + std::string(std::strerror(errno)));
+      _exit(kFailure);
+    }
+    if (child != 0) _exit(kOk);
+    return {runDaemon(options, files, ready), ""};
+  }
+  close(pipeFds[1]);
+  while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  std::string line = readReport(pipeFds[0], wait);
+  close(pipeFds[0]);
+  if (line.rfind("failed ", 0) == 0) return {kFailure, "start: " + line.substr(7)};
+  if (line == "timeout")
+    return {kFailure, "start: the " + subject + " did not report within " + std::to_string(wait) +
+                          " ms (see " + files.logFile + ")"};
+  if (line.rfind("ready ", 0) != 0)
+    return {kFailure,
+            "start: the " + subject + " ended before it was ready (see " + files.logFile + ")"};
+  pid_t pid = static_cast<pid_t>(std::atoi(line.c_str() + 6));
+  Json document;
+  document["q_mgr_name"] = options.qmgr;
+  document["command_server"] = "started";
+  document["pid"] = pid;
+  document["pid_file"] = files.pidFile;
+  document["log_file"] = files.logFile;
+  emit(parser, document,
+       subject + " started (pid " + std::to_string(pid) + ", log " + files.logFile + ")\n");
+  return {};
+}
+
+// stop: SIGTERM to the server that holds the lock of the pid file, then a
+// wait of at most 10 s for it to end.  A pid file whose lock nobody holds
+// names no server, and its pid is never signalled.
+Outcome stopServer(Parser &parser) {
+  const GlobalOptions &options = parser.args.global;
+  const std::string subject = "command server of queue manager " + options.qmgr;
+  std::string dir = dataDirectoryOf(options);
+  if (dir.empty()) throw Outcome{kFailure, "no data directory: give --data DIR or set VXQM_DATA"};
+  checkQmgrName(options.qmgr);
+  DataFiles files(absolutePath(dir), options.qmgr);
+  const Outcome none{kNotRunning, "no command server is running for queue manager " + options.qmgr};
+  pid_t pid = lockHolder(files.pidFile);
+  if (pid == 0) return none;
+  if (pid < 0) return {kFailure, "stop: the " + subject + " names no pid in " + files.pidFile};
+  // A handle of the process itself, taken while the lock shows it alive:
+  // the signal cannot reach a process that got the pid after the server
+  // ended.  Kernels without one fall back to the pid.
+  int pidfd = -1;
+#ifdef SYS_pidfd_open
+  pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#endif
+  auto closeHandle = [&] {
+    if (pidfd >= 0) close(pidfd);
+    pidfd = -1;
+  };
+  if (lockHolder(files.pidFile) != pid) {
+    closeHandle();
+    return none;
+  }
+  long sent = -1;
+#ifdef SYS_pidfd_send_signal
+  if (pidfd >= 0) sent = syscall(SYS_pidfd_send_signal, pidfd, SIGTERM, nullptr, 0);
+#endif
+  if (pidfd < 0) sent = kill(pid, SIGTERM);
+  if (sent != 0) {
+    std::string error = std::strerror(errno);
+    bool gone = errno == ESRCH;
+    closeHandle();
+    if (gone) return none;
+    return {kFailure, "stop: the " + subject + " (pid " + std::to_string(pid) + "): " + error};
+  }
+  constexpr int kStopWait = 10000;
+  int64_t deadline = monotonicMilliseconds() + kStopWait;
+  bool ended = false;
+  while (!ended) {
+    int64_t remaining = deadline - monotonicMilliseconds();
+    if (remaining <= 0) break;
+    if (pidfd >= 0) {
+      // The handle becomes readable when the process ends.
+      struct pollfd handle = {pidfd, POLLIN, 0};
+      int polled = poll(&handle, 1, static_cast<int>(remaining));
+      if (polled < 0 && errno != EINTR) break;
+      ended = polled > 0;
+    } else {
+      ended = lockHolder(files.pidFile) != pid;
+      if (!ended) sleepFor(20);
+    }
+  }
+  closeHandle();
+  if (!ended)
+    return {kFailure, "stop: the " + subject + " (pid " + std::to_string(pid) +
+                          ") did not stop within " + std::to_string(kStopWait / 1000) + " s"};
+  Json document;
+  document["q_mgr_name"] = options.qmgr;
+  document["command_server"] = "stopped";
+  document["pid"] = pid;
+  emit(parser, document, subject + " stopped (pid " + std::to_string(pid) + ")\n");
+  return {};
+}
+
 Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) {
   const Arguments &args = parser.args;
   try {
@@ -740,8 +1285,21 @@ Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) 
       Bag request;
       Replies replies = execute(session, "show qmgr", CMD_INQUIRE_Q_MGR, request);
       Json document = replies.objects.empty() ? Json::object() : replies.objects[0];
+      // Which command server answered, and where the data lives.
+      Json shown = document;
+      DataFiles files = session.files();
+      pid_t pid = session.serverPid();
+      document["command_server"] = session.hostsServer() ? "hosted" : "running";
+      if (!session.hostsServer() && pid > 0) document["command_server_pid"] = pid;
+      document["data_directory"] = files.directory;
+      document["database"] = files.database;
+      shown["command_server"] = session.hostsServer() ? "hosted by this vxadmin process"
+                                : pid > 0             ? "running (pid " + std::to_string(pid) + ")"
+                                                      : "running in another process";
+      shown["data_directory"] = files.directory;
+      shown["database"] = files.database;
       std::ostringstream text;
-      printObject(text, document);
+      printObject(text, shown);
       emit(parser, document, text.str());
     } else if (parser.showQueue->parsed()) {
       Bag request;
@@ -810,7 +1368,8 @@ Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) 
       Replies replies = execute(session, "list queues " + pattern, CMD_INQUIRE_Q_NAMES, request);
       Json names = Json::array();
       if (!replies.objects.empty() && replies.objects[0].contains("q_names"))
-        names = replies.objects[0]["q_names"];
+        for (const Json &name : replies.objects[0]["q_names"])
+          if (args.all || !isReplyQueue(name)) names.push_back(name);
       Json document;
       document["q_names"] = names;
       std::vector<std::vector<std::string>> rows{{"Q_NAME"}};
@@ -824,7 +1383,8 @@ Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) 
       request.add(ATTR_Q_NAME, pattern);
       Replies replies = execute(session, "status " + pattern, CMD_INQUIRE_Q_STATUS, request);
       Json queues = Json::array();
-      for (const Json &object : replies.objects) queues.push_back(object);
+      for (const Json &object : replies.objects)
+        if (args.all || !isReplyQueue(object.value("q_name", Json()))) queues.push_back(object);
       Json document;
       document["queues"] = queues;
       std::ostringstream text;
@@ -836,6 +1396,12 @@ Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) 
       return getMessages(parser, session);
     } else if (parser.shell && parser.shell->parsed()) {
       return runShell(parser, session);
+    } else if (parser.serve && parser.serve->parsed()) {
+      return {serve(args.global, -1), ""};
+    } else if (parser.start && parser.start->parsed()) {
+      return startServer(parser);
+    } else if (parser.stop && parser.stop->parsed()) {
+      return stopServer(parser);
     } else {
       std::cerr << parser.app.help();
       return {kFailure, ""};
