@@ -52,12 +52,17 @@ QM_TEST_EXPORT int32_t delayMessages(const std::string &qmName, const std::strin
 // connections end (their handles then get RC_HCONN_ERROR, and waiting gets
 // return it) and the hooks of its queues are lifted.  The failNext and
 // throwNext scripts are cancelled as well.  The new queue manager reads
-// VXQM_DATA again: with a data directory, a reset is a restart (the
-// connections' units of work back out, and the definitions and persistent
-// messages of the database are kept); a test that wants a fresh one names a
-// new directory first.  When the new one cannot be made (its database cannot
-// be opened), there is none until the next call that names it.
+// VXQM_DATA again: with a data directory, a reset opens the shared queue
+// manager again (the connections' units of work back out, and everything
+// else it holds is kept); a test that wants a fresh one names a new
+// directory first.  When the new one cannot be made (its database cannot be
+// opened), there is none until the next call that names it.
 QM_TEST_EXPORT void reset(const std::string &qmName);
+// A reset that also empties what a queue manager with a data directory keeps
+// in memory (non-persistent messages, open handles, temporary queues), as a
+// restart of the machine does: only definitions and persistent messages are
+// left.  For a queue manager that no other process uses.
+QM_TEST_EXPORT void restart(const std::string &qmName);
 
 // Counts, or -1 for a queue manager that does not exist (messageCount: or a
 // queue that does not exist).

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "convert.h"
+#include "processes.h"
 #include "svc.h"
 
 namespace vxqm {
@@ -60,7 +61,7 @@ bool isPcfFormat(const char *format) {
 struct AttributeView {
   const std::string &queueManager;
   const QueueDefinition *definition;  // null for the queue manager object
-  const QueueState *state;
+  OpenCounts opens;                   // of every process
   int32_t depth;
 };
 
@@ -73,14 +74,16 @@ struct Attribute {
   int32_t QueueDefinition::*settable;  // the field that set changes, or null
 };
 
-// Whether an attribute is read from the queue's definition in the store (the
-// depth too: it is counted only for a queue that is still defined).  The open
-// counts are run-time state: the inquiry of the open input count that a
-// requester makes before every command costs no look-up at all.
-bool needsDefinition(const Attribute &a) {
-  return a.objectType == OBJTYPE_Q && a.selector != ATTR_OPEN_INPUT_COUNT &&
-         a.selector != ATTR_OPEN_OUTPUT_COUNT;
+bool isOpenCount(const Attribute &a) {
+  return a.objectType == OBJTYPE_Q &&
+         (a.selector == ATTR_OPEN_INPUT_COUNT || a.selector == ATTR_OPEN_OUTPUT_COUNT);
 }
+
+// Whether an attribute is read from the queue's definition in the store (the
+// depth too: it is counted only for a queue that is still defined).  The
+// inquiry of the open input count that a requester makes before every
+// command reads only the open handles.
+bool needsDefinition(const Attribute &a) { return a.objectType == OBJTYPE_Q && !isOpenCount(a); }
 
 const Attribute kAttributes[] = {
     {ATTR_CURRENT_DEPTH, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.depth; }, nullptr,
@@ -101,10 +104,10 @@ const Attribute kAttributes[] = {
      [](const AttributeView &v) { return v.definition->maxMsgLength; }, nullptr, nullptr},
     {ATTR_MAX_Q_DEPTH, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.definition->maxDepth; },
      nullptr, nullptr},
-    {ATTR_OPEN_INPUT_COUNT, OBJTYPE_Q, 0,
-     [](const AttributeView &v) { return v.state->openInputCount; }, nullptr, nullptr},
-    {ATTR_OPEN_OUTPUT_COUNT, OBJTYPE_Q, 0,
-     [](const AttributeView &v) { return v.state->openOutputCount; }, nullptr, nullptr},
+    {ATTR_OPEN_INPUT_COUNT, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.opens.input; },
+     nullptr, nullptr},
+    {ATTR_OPEN_OUTPUT_COUNT, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.opens.output; },
+     nullptr, nullptr},
     {ATTR_Q_TYPE, OBJTYPE_Q, 0, [](const AttributeView &v) { return v.definition->queueType; },
      nullptr, nullptr},
     {ATTR_Q_NAME, OBJTYPE_Q, Q_NAME_LENGTH, nullptr,
@@ -174,7 +177,7 @@ void applyChanges(QueueDefinition &definition, const QueueChanges &changes, bool
 // One step of the store for as long as it lives: undone unless kept.
 class StoreStep {
  public:
-  StoreStep(Store &store, const std::string &queue) : store_(store) { store_.beginStep(queue); }
+  explicit StoreStep(Store &store) : store_(store) { store_.beginStep(); }
   ~StoreStep() {
     if (!kept_) store_.endStep(false);
   }
@@ -241,8 +244,10 @@ int32_t newHandle() {
 // ---------------------------------------------------------------------------
 // Queue manager: set-up, connections, handles
 
-QueueManager::QueueManager(std::string name) : name_(std::move(name)), store_(makeStore(name_)) {
+QueueManager::QueueManager(std::string name, Home home)
+    : name_(std::move(name)), store_(std::move(home.store)), waker_(std::move(home.waker)) {
   defineInitialObjects();
+  endEndedOwners();
 }
 
 QueueManager::~QueueManager() {
@@ -254,21 +259,34 @@ QueueManager::~QueueManager() {
 
 void QueueManager::defineInitialObjects() {
   // A store that outlives the process has them already, perhaps changed.
+  StoreStep step(*store_);
   QueueDefinition local;
   local.name = kAdminCommandQueue;
-  if (!store_->findQueue(local.name, nullptr)) store_->saveQueue(local);
+  if (!store_->findQueue(local.name, nullptr)) store_->createQueue(local, 0);
   local.name = kDefaultLocalQueue;
-  if (!store_->findQueue(local.name, nullptr)) store_->saveQueue(local);
+  if (!store_->findQueue(local.name, nullptr)) store_->createQueue(local, 0);
   QueueDefinition model;
   model.name = kDefaultModelQueue;
   model.queueType = QTYPE_MODEL;
   model.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
-  if (!store_->findQueue(model.name, nullptr)) store_->saveQueue(model);
-  for (const std::string &name : store_->queueNames()) {
-    auto queueState = std::make_shared<QueueState>();
-    queueState->definitionType = definition(name).definitionType;
-    queues_.emplace(name, std::move(queueState));
+  if (!store_->findQueue(model.name, nullptr)) store_->createQueue(model, 0);
+  step.keep();
+}
+
+void QueueManager::endEndedOwners() {
+  for (const Owner &owner : store_->owners()) {
+    if (!store_->ownerEnded(owner) && !processEnded(owner)) continue;
+    for (const std::string &queue : store_->endOwner(owner)) notify(queue);
   }
+}
+
+void QueueManager::notify(const std::string &queue) {
+  if (waker_) {
+    waker_->wake(queue);
+    return;
+  }
+  auto it = queues_.find(queue);
+  if (it != queues_.end()) it->second->changed.notify_all();
 }
 
 void QueueManager::addConnection(int32_t hconn) {
@@ -300,15 +318,18 @@ QueueDefinition QueueManager::definition(const std::string &queue) const {
   return definition;
 }
 
+QueueDefinition QueueManager::handleDefinition(const ObjectHandle &h) const {
+  QueueDefinition definition;
+  if (h.queue->deleted || !store_->findQueue(h.queueName, &definition)) fail(RC_Q_DELETED);
+  return definition;
+}
+
 QueueState &QueueManager::state(const std::string &queue) { return *sharedState(queue); }
 
 std::shared_ptr<QueueState> QueueManager::sharedState(const std::string &queue) {
   auto it = queues_.find(queue);
   if (it != queues_.end()) return it->second;
-  // A queue that another process sharing the store defined.
-  const QueueDefinition defined = definition(queue);
   auto queueState = std::make_shared<QueueState>();
-  queueState->definitionType = defined.definitionType;
   queues_.emplace(queue, queueState);
   return queueState;
 }
@@ -317,6 +338,8 @@ void QueueManager::disconnect(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
   if (c.unit != 0) endUnit(c, false);
+  // A failure leaves the connection with the handles not yet closed: the
+  // disconnect may be made again.
   while (!c.handles.empty()) closeObject(hconn, c, c.handles.begin()->first, CLOSE_NONE);
   connections_.erase(hconn);
 }
@@ -328,6 +351,7 @@ void QueueManager::shutdown() {
     queue->deleted = true;
     queue->changed.notify_all();
   }
+  if (waker_) waker_->wakeAll();
 }
 
 // ---------------------------------------------------------------------------
@@ -350,7 +374,7 @@ int32_t QueueManager::openHandle(int32_t hconn, Connection &c, vxOBJDESC &od, in
   return hobj;
 }
 
-ObjectHandle QueueManager::openObject(int32_t hconn, vxOBJDESC &od, int32_t options) {
+ObjectHandle QueueManager::openObject(int32_t /*hconn*/, vxOBJDESC &od, int32_t options) {
   ObjectHandle opened;
   opened.objectType = od.objectType;
   opened.options = options;
@@ -365,31 +389,60 @@ ObjectHandle QueueManager::openObject(int32_t hconn, vxOBJDESC &od, int32_t opti
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   const std::string qmName = readName(od.objectQMgrName, QM_NAME_LENGTH);
   if (!qmName.empty() && qmName != name_) fail(RC_UNKNOWN_OBJECT_Q_MGR);
+  // The open, with the queue that a model makes: one step, so that no other
+  // process opens between the check of the open counts and the open.  What
+  // may fail for want of memory comes before the store changes: a store of
+  // one process has nothing to undo a step with.
+  StoreStep step(*store_);
   QueueDefinition queue = definition(name);
-  if (queue.queueType == QTYPE_MODEL) {
-    name = createDynamicQueue(queue, readName(od.dynamicQName, Q_NAME_LENGTH), hconn);
-    writeName(od.objectName, Q_NAME_LENGTH, name);
+  const bool model = queue.queueType == QTYPE_MODEL;
+  if (model) {
+    name = dynamicQueueName(readName(od.dynamicQName, Q_NAME_LENGTH));
+    queue.name = name;
+    queue.queueType = QTYPE_LOCAL;
   }
-  // Nothing below allocates, so a dynamic queue made above is never left
-  // without the handle that opens it (a new queue has no conflicting open).
   std::shared_ptr<QueueState> queueState = sharedState(name);
-  if ((options & kInputOptions) != 0) {
-    const bool exclusive = (options & OPEN_INPUT_EXCLUSIVE) != 0;
-    if (queueState->exclusiveInput || (exclusive && queueState->openInputCount > 0)) {
-      fail(RC_OBJECT_IN_USE);
+  if (model) {
+    // A new queue has no open that could conflict.
+    opened.storeHandle = store_->addHandle(name, options);
+    // A temporary dynamic queue lives as long as the handle that made it.
+    const bool temporary = queue.definitionType == DEFTYPE_TEMPORARY_DYNAMIC;
+    try {
+      store_->createQueue(queue, temporary ? opened.storeHandle : 0);
+    } catch (...) {
+      forgetHandle(opened.storeHandle);
+      throw;
     }
-    queueState->exclusiveInput = exclusive;
-    ++queueState->openInputCount;
+  } else {
+    opened.storeHandle = openQueue(name, options);
   }
-  if ((options & OPEN_OUTPUT) != 0) ++queueState->openOutputCount;
-  ++queueState->openHandles;
+  step.keep();
+  if (model) writeName(od.objectName, Q_NAME_LENGTH, name);
   opened.queueName = std::move(name);
   opened.queue = std::move(queueState);
   return opened;
 }
 
-std::string QueueManager::createDynamicQueue(const QueueDefinition &model,
-                                             const std::string &dynamicName, int32_t creator) {
+int64_t QueueManager::openQueue(const std::string &name, int32_t options) {
+  if ((options & kInputOptions) != 0) {
+    // The opens of a process that died must not hold the queue.
+    endEndedOwners();
+    const OpenCounts opens = store_->openCounts(name);
+    const bool exclusive = (options & OPEN_INPUT_EXCLUSIVE) != 0;
+    if (opens.exclusiveInput || (exclusive && opens.input > 0)) fail(RC_OBJECT_IN_USE);
+  }
+  return store_->addHandle(name, options);
+}
+
+void QueueManager::forgetHandle(int64_t storeHandle) {
+  try {
+    store_->removeHandle(storeHandle);
+  } catch (...) {
+    // Only a shared store fails here, and its step's undo removes it.
+  }
+}
+
+std::string QueueManager::dynamicQueueName(const std::string &dynamicName) {
   std::string name = dynamicName;
   const bool generated = !name.empty() && name.back() == '*';
   if (generated) {
@@ -402,25 +455,7 @@ std::string QueueManager::createDynamicQueue(const QueueDefinition &model,
   }
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   if (!generated && store_->findQueue(name, nullptr)) fail(RC_OBJECT_ALREADY_EXISTS);
-  QueueDefinition created = model;
-  created.name = name;
-  created.queueType = QTYPE_LOCAL;
-  auto queueState = std::make_shared<QueueState>();
-  if (model.definitionType == DEFTYPE_TEMPORARY_DYNAMIC) queueState->creator = creator;
-  addQueue(created, std::move(queueState));
   return name;
-}
-
-void QueueManager::addQueue(const QueueDefinition &definition,
-                            std::shared_ptr<QueueState> queueState) {
-  queueState->definitionType = definition.definitionType;
-  auto slot = queues_.emplace(definition.name, std::move(queueState)).first;
-  try {
-    store_->saveQueue(definition);
-  } catch (...) {
-    queues_.erase(slot);
-    throw;
-  }
 }
 
 void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
@@ -428,43 +463,45 @@ void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
   closeObject(hconn, connection(hconn), hobj, options);
 }
 
-void QueueManager::closeObject(int32_t hconn, Connection &c, int32_t hobj, int32_t options) {
-  // Allocates nothing: a disconnect and a put1 close whatever memory is left.
+void QueueManager::closeObject(int32_t /*hconn*/, Connection &c, int32_t hobj, int32_t options) {
   ObjectHandle &h = handle(c, hobj);
-  bool deleteQueue = false;
+  std::vector<std::string> deleted;
   if (h.queue && !h.queue->deleted) {
-    QueueState &queue = *h.queue;
-    const bool temporaryOfCreator =
-        queue.definitionType == DEFTYPE_TEMPORARY_DYNAMIC && queue.creator == hconn;
-    if (options != CLOSE_NONE && queue.definitionType == DEFTYPE_PREDEFINED) {
-      fail(RC_OPTIONS_ERROR);
+    // A queue deleted since the open has nothing left to close.  A plain
+    // close of a handle that made no queue allocates nothing: a disconnect
+    // and a put1 close whatever memory is left.
+    QueueDefinition queue;
+    if (store_->findQueue(h.queueName, options != CLOSE_NONE ? &queue : nullptr)) {
+      StoreStep step(*store_);
+      deleted = store_->queuesCreatedBy(h.storeHandle);
+      const bool temporaryOfHandle = !deleted.empty();
+      if (options != CLOSE_NONE && queue.definitionType == DEFTYPE_PREDEFINED) {
+        fail(RC_OPTIONS_ERROR);
+      }
+      if (options == CLOSE_DELETE && !temporaryOfHandle && store_->depth(h.queueName) > 0) {
+        fail(RC_Q_NOT_EMPTY);
+      }
+      if (options != CLOSE_NONE && !temporaryOfHandle) deleted.push_back(h.queueName);
+      store_->removeHandle(h.storeHandle);
+      for (const std::string &name : deleted) store_->deleteQueue(name);
+      step.keep();
     }
-    if (options == CLOSE_DELETE && !temporaryOfCreator && store_->depth(h.queueName) > 0) {
-      fail(RC_Q_NOT_EMPTY);
-    }
-    deleteQueue = temporaryOfCreator || options != CLOSE_NONE;
-    if ((h.options & kInputOptions) != 0) {
-      --queue.openInputCount;
-      if ((h.options & OPEN_INPUT_EXCLUSIVE) != 0) queue.exclusiveInput = false;
-    }
-    if ((h.options & OPEN_OUTPUT) != 0) --queue.openOutputCount;
-    --queue.openHandles;
-    // A get waiting on this handle wakes and finds it gone; gets waiting on
-    // other handles are left asleep.
-    if (h.waitingGets > 0) queue.changed.notify_all();
+    // A get waiting on this handle wakes and finds it gone.
+    if (h.waitingGets > 0) notify(h.queueName);
   }
-  const std::string name = std::move(h.queueName);
   c.handles.erase(hobj);
-  if (deleteQueue) deleteQueueObject(name);
+  for (const std::string &name : deleted) deleteQueueObject(name);
 }
 
+// What the process keeps of a queue that the store no longer has.
 void QueueManager::deleteQueueObject(const std::string &name) {
   auto it = queues_.find(name);
-  store_->deleteQueue(name);
-  if (it == queues_.end()) return;
-  it->second->deleted = true;
-  it->second->changed.notify_all();
-  queues_.erase(it);
+  if (it != queues_.end()) {
+    it->second->deleted = true;
+    it->second->changed.notify_all();
+    queues_.erase(it);
+  }
+  if (waker_) waker_->wake(name);
 }
 
 // ---------------------------------------------------------------------------
@@ -486,7 +523,7 @@ void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &
   if (od.objectType != OBJTYPE_Q) fail(RC_OBJECT_TYPE_ERROR);
   const std::string name = readName(od.objectName, Q_NAME_LENGTH);
   // The open, the put and the close: one step of the store.
-  StoreStep step(*store_, name);
+  StoreStep step(*store_);
   QueueDefinition queue;
   if (isValidName(name) && store_->findQueue(name, &queue) && queue.queueType == QTYPE_MODEL) {
     fail(RC_OBJECT_TYPE_ERROR);
@@ -513,8 +550,8 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
     fail(RC_PERSISTENCE_ERROR);
   }
   if (md.expiry != EXPIRY_UNLIMITED && md.expiry <= 0) fail(RC_EXPIRY_ERROR);
-  StoreStep step(*store_, h.queueName);
-  const QueueDefinition queue = definition(h.queueName);
+  StoreStep step(*store_);
+  const QueueDefinition queue = handleDefinition(h);
   if (queue.inhibitPut == INHIBIT_INHIBITED) fail(RC_PUT_INHIBITED);
   if (length > queue.maxMsgLength) fail(RC_MSG_TOO_BIG_FOR_Q);
   const Clock::time_point now = Clock::now();
@@ -548,14 +585,20 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
   } else if (h.queue->hold) {
     messageState = MessageState::kHeld;
   }
+  // Persistent messages outlive a restart, others do not; nor does anything
+  // on a temporary dynamic queue, which ends with its handle.
+  const Durability durability = message.descriptor.persistence == PERSISTENCE_PERSISTENT &&
+                                        queue.definitionType != DEFTYPE_TEMPORARY_DYNAMIC
+                                    ? Durability::kDurable
+                                    : Durability::kVolatile;
   std::memcpy(md.msgId, message.descriptor.msgId, MSG_ID_LENGTH);
-  store_->addMessage(h.queueName, std::move(message), messageState, unit);
+  store_->addMessage(h.queueName, std::move(message), durability, messageState, unit);
   step.keep();
 
   writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
   writeName(pmo.resolvedQMgrName, QM_NAME_LENGTH, name_);
   pmo.knownDestCount = 1;
-  if (messageState == MessageState::kAvailable) h.queue->changed.notify_all();
+  if (messageState == MessageState::kAvailable) notify(h.queueName);
 }
 
 // ---------------------------------------------------------------------------
@@ -589,8 +632,9 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     ObjectHandle &h = handle(c, hobj);
     if (waited) --h.waitingGets;
     waited = false;
-    if (queue->deleted) fail(RC_Q_DELETED);
-    const QueueDefinition definitionNow = definition(h.queueName);
+    // Noted before the look at the store: a put after the look changes it.
+    const uint32_t wakeCount = waker_ ? waker_->count(h.queueName) : 0;
+    const QueueDefinition definitionNow = handleDefinition(h);
     if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
     const Clock::time_point now = Clock::now();
     store_->discardExpired(h.queueName, now);
@@ -599,12 +643,15 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
-      Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
-      // Other processes that share the store cannot signal: look again soon.
-      if (store_->shared()) wakeAt = std::min(wakeAt, now + kSharedPollInterval);
+      const Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
       ++h.waitingGets;
       waited = true;
-      if (wakeAt == Clock::time_point::max()) {
+      if (waker_) {
+        const std::string name = h.queueName;
+        lock.unlock();
+        waker_->sleep(name, wakeCount, wakeAt);
+        lock.lock();
+      } else if (wakeAt == Clock::time_point::max()) {
         queue->changed.wait(lock);
       } else {
         queue->changed.wait_until(lock, wakeAt);
@@ -683,23 +730,30 @@ Outcome QueueManager::inquire(int32_t hconn, int32_t hobj, const std::vector<int
   std::vector<const Attribute *> wanted;
   bool wantsDefinition = false;
   bool wantsDepth = false;
+  bool wantsOpens = false;
   for (int32_t selector : selectors) {
     const Attribute &a = attribute(selector, h.objectType);
     wanted.push_back(&a);
     wantsDefinition = wantsDefinition || needsDefinition(a);
     wantsDepth = wantsDepth || selector == ATTR_CURRENT_DEPTH;
+    wantsOpens = wantsOpens || isOpenCount(a);
   }
   QueueDefinition queue;
   int32_t depth = 0;
+  OpenCounts opens;
   if (h.queue) {
     if (h.queue->deleted) fail(RC_Q_DELETED);
-    if (wantsDefinition) queue = definition(h.queueName);
+    if (wantsDefinition) queue = handleDefinition(h);
     if (wantsDepth) {
       store_->discardExpired(h.queueName, Clock::now());
       depth = store_->depth(h.queueName);
     }
+    if (wantsOpens) {
+      endEndedOwners();
+      opens = store_->openCounts(h.queueName);
+    }
   }
-  const AttributeView view{name_, h.queue ? &queue : nullptr, h.queue.get(), depth};
+  const AttributeView view{name_, h.queue ? &queue : nullptr, opens, depth};
   int32_t integers = 0;
   int32_t characters = 0;
   bool intsTooFew = false;
@@ -713,11 +767,13 @@ Outcome QueueManager::inquire(int32_t hconn, int32_t hobj, const std::vector<int
         intsTooFew = true;
       }
       ++integers;
-    } else if (characters + a->length <= charLength && !charsTooFew) {
-      writeName(charAttrs + characters, a->length, a->characters(view));
-      characters += a->length;
-    } else {
-      charsTooFew = true;
+    } else if (!charsTooFew) {
+      // What fits is filled; the attribute that does not fit is cut short,
+      // and those after it are left out.
+      const int32_t room = std::min(a->length, charLength - characters);
+      if (room > 0) writeName(charAttrs + characters, room, a->characters(view));
+      characters += room;
+      charsTooFew = room < a->length;
     }
   }
   if (intsTooFew) return {CC_WARNING, RC_INT_ATTR_COUNT_TOO_SMALL};
@@ -737,8 +793,7 @@ void QueueManager::set(int32_t hconn, int32_t hobj, const std::vector<int32_t> &
     wanted.push_back(&a);
   }
   if (static_cast<int32_t>(wanted.size()) > intCount) fail(RC_INT_ATTR_COUNT_TOO_SMALL);
-  if (h.queue->deleted) fail(RC_Q_DELETED);
-  QueueDefinition queue = definition(h.queueName);
+  QueueDefinition queue = handleDefinition(h);
   for (size_t i = 0; i < wanted.size(); ++i) {
     int32_t value;
     std::memcpy(&value, intAttrs + i, sizeof value);
@@ -746,7 +801,7 @@ void QueueManager::set(int32_t hconn, int32_t hobj, const std::vector<int32_t> &
     queue.*(wanted[i]->settable) = value;
   }
   store_->saveQueue(queue);
-  h.queue->changed.notify_all();  // waiting gets learn of an inhibited get
+  notify(h.queueName);  // waiting gets learn of an inhibited get
 }
 
 // ---------------------------------------------------------------------------
@@ -779,10 +834,7 @@ void QueueManager::endUnit(Connection &c, bool commit) {
 }
 
 void QueueManager::wakeAvailable(const std::vector<std::string> &queues) {
-  for (const std::string &name : queues) {
-    auto it = queues_.find(name);
-    if (it != queues_.end()) it->second->changed.notify_all();
-  }
+  for (const std::string &name : queues) notify(name);
 }
 
 // ---------------------------------------------------------------------------
@@ -795,7 +847,7 @@ void QueueManager::createQueue(const std::string &name, const QueueChanges &attr
   QueueDefinition created;
   created.name = name;
   applyChanges(created, attributes, true);
-  addQueue(created, std::make_shared<QueueState>());
+  store_->createQueue(created, 0);
 }
 
 void QueueManager::changeQueue(const std::string &name, const QueueChanges &changes) {
@@ -803,10 +855,8 @@ void QueueManager::changeQueue(const std::string &name, const QueueChanges &chan
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   QueueDefinition changed = definition(name);
   applyChanges(changed, changes, false);
-  QueueState &queueState = state(name);
   store_->saveQueue(changed);
-  queueState.definitionType = changed.definitionType;
-  queueState.changed.notify_all();
+  notify(name);
 }
 
 void QueueManager::copyQueue(const std::string &from, const std::string &to,
@@ -818,15 +868,19 @@ void QueueManager::copyQueue(const std::string &from, const std::string &to,
   copy.name = to;
   if (copy.queueType == QTYPE_LOCAL) copy.definitionType = DEFTYPE_PREDEFINED;
   applyChanges(copy, changes, false);
-  addQueue(copy, std::make_shared<QueueState>());
+  store_->createQueue(copy, 0);
 }
 
 void QueueManager::deleteQueue(const std::string &name, bool purge) {
   Lock lock(mutex_);
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   definition(name);
-  if (state(name).openHandles > 0) fail(RC_OBJECT_IN_USE);
+  endEndedOwners();
+  StoreStep step(*store_);
+  if (store_->openCounts(name).handles > 0) fail(RC_OBJECT_IN_USE);
   if (!purge && store_->depth(name) > 0) fail(RC_Q_NOT_EMPTY);
+  store_->deleteQueue(name);
+  step.keep();
   deleteQueueObject(name);
 }
 
@@ -834,8 +888,11 @@ void QueueManager::clearQueue(const std::string &name) {
   Lock lock(mutex_);
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   if (definition(name).queueType != QTYPE_LOCAL) fail(RC_OBJECT_TYPE_ERROR);
-  if (state(name).openHandles > 0) fail(RC_OBJECT_IN_USE);
+  endEndedOwners();
+  StoreStep step(*store_);
+  if (store_->openCounts(name).handles > 0) fail(RC_OBJECT_IN_USE);
   store_->clearQueue(name);
+  step.keep();
 }
 
 std::vector<std::string> QueueManager::listQueues(const std::string &pattern, int32_t queueType) {
@@ -865,9 +922,10 @@ QueueStatus QueueManager::queueStatus(const std::string &name) {
   Lock lock(mutex_);
   if (!isValidName(name)) fail(RC_OBJECT_NAME_ERROR);
   definition(name);
-  const QueueState &queue = state(name);
+  endEndedOwners();
+  const OpenCounts opens = store_->openCounts(name);
   store_->discardExpired(name, Clock::now());
-  return {store_->depth(name), queue.openInputCount, queue.openOutputCount};
+  return {store_->depth(name), opens.input, opens.output};
 }
 
 // ---------------------------------------------------------------------------
@@ -875,14 +933,16 @@ QueueStatus QueueManager::queueStatus(const std::string &name) {
 
 void QueueManager::holdMessages(const std::string &queue, bool hold) {
   Lock lock(mutex_);
+  definition(queue);
   QueueState &held = state(queue);
   held.hold = hold;
-  if (!hold && store_->releaseHeld(queue) > 0) held.changed.notify_all();
+  if (!hold && store_->releaseHeld(queue) > 0) notify(queue);
 }
 
 void QueueManager::delayMessages(const std::string &queue, int32_t milliseconds) {
   Lock lock(mutex_);
   if (milliseconds < 0) fail(RC_SELECTOR_ERROR);
+  definition(queue);
   state(queue).delayMilliseconds = milliseconds;
 }
 
@@ -927,7 +987,7 @@ Registry &Registry::instance() {
 std::shared_ptr<QueueManager> Registry::manager(const std::string &name) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto &manager = managers_[name];
-  if (!manager) manager = std::make_shared<QueueManager>(name);
+  if (!manager) manager = std::make_shared<QueueManager>(name, openHome(name));
   return manager;
 }
 
@@ -940,7 +1000,7 @@ std::shared_ptr<QueueManager> Registry::existing(const std::string &name) {
 int32_t Registry::connect(const std::string &name) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto &manager = managers_[name];
-  if (!manager) manager = std::make_shared<QueueManager>(name);
+  if (!manager) manager = std::make_shared<QueueManager>(name, openHome(name));
   const int32_t hconn = newHandle();
   manager->addConnection(hconn);
   try {
@@ -969,7 +1029,7 @@ void Registry::disconnect(int32_t hconn) {
   connections_.erase(hconn);
 }
 
-void Registry::reset(const std::string &name) {
+void Registry::reset(const std::string &name, bool emptyMemory) {
   std::shared_ptr<QueueManager> old;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -984,8 +1044,9 @@ void Registry::reset(const std::string &name) {
   // Its store closes (backing out its units) before the new one opens,
   // unless a get still waiting holds it.
   old.reset();
+  if (emptyMemory) removeMemoryFiles(name);
   // When the new one cannot be made, there is none until the next use.
-  auto fresh = std::make_shared<QueueManager>(name);
+  auto fresh = std::make_shared<QueueManager>(name, openHome(name));
   std::lock_guard<std::mutex> lock(mutex_);
   managers_.try_emplace(name, std::move(fresh));
 }

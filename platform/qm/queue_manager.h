@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "adaptive_mutex.h"
+#include "home.h"
 #include "qm_admin.h"
 #include "store.h"
 #include "vxqi_records.h"
@@ -55,22 +56,17 @@ bool isValidName(const std::string &name);
 // Throws RC_Q_MGR_NAME_ERROR for a name that is not valid.
 std::string queueManagerName(const std::string &name);
 
-// The run-time state of a queue, beside its definition in the store.
-// Guarded by the mutex of its queue manager.
+// What this process keeps of a queue beside the store: its waits and the
+// test hooks.  Guarded by the mutex of its queue manager.
 struct QueueState {
-  int32_t openInputCount = 0;
-  int32_t openOutputCount = 0;
-  bool exclusiveInput = false;                  // an exclusive input open holds the queue
-  int32_t definitionType = DEFTYPE_PREDEFINED;  // as in the definition, which keeps it
-  int32_t creator = 0;                          // connection that made a temporary dynamic queue
-  int32_t openHandles = 0;                      // every open handle, whatever its options
-  bool deleted = false;                         // handles still naming it get RC_Q_DELETED
-  bool hold = false;                            // test hooks: held or delayed puts
+  bool deleted = false;  // deleted by this process: handles naming it get RC_Q_DELETED
+  bool hold = false;     // test hooks: held or delayed puts
   int32_t delayMilliseconds = 0;
-  // Signalled (under the mutex) when a message may have become available,
-  // when the queue's attributes change, when a handle on which a get waits
-  // closes, and when the queue is deleted.  Waiting gets re-check everything
-  // after each wake.
+  // For a queue manager of one process: signalled (under the mutex) when a
+  // message may have become available, when the queue's attributes change,
+  // when a handle on which a get waits closes, and when the queue is
+  // deleted.  Waiting gets re-check everything after each wake.  A shared
+  // queue manager's gets wait on its Waker instead.
   ConditionVariable changed;
 };
 
@@ -82,6 +78,7 @@ struct ObjectHandle {
   int32_t options = 0;
   std::string queueName;                   // empty for the queue manager object
   std::shared_ptr<QueueState> queue;       // null for the queue manager object
+  int64_t storeHandle = 0;                 // the store's record of the open
   std::optional<MessageKey> browseCursor;  // the message last browsed
   int32_t waitingGets = 0;                 // gets waiting on this handle: its close wakes them
 };
@@ -100,7 +97,9 @@ struct GetResult {
 
 class QueueManager {
  public:
-  explicit QueueManager(std::string name);
+  // A queue manager over its store: one of this process alone, or one that
+  // other processes share (then with a waker, which their gets wait on).
+  QueueManager(std::string name, Home home);
   ~QueueManager();
   QueueManager(const QueueManager &) = delete;
   QueueManager &operator=(const QueueManager &) = delete;
@@ -158,16 +157,26 @@ class QueueManager {
   Connection &connection(int32_t hconn);
   ObjectHandle &handle(Connection &connection, int32_t hobj);
   QueueDefinition definition(const std::string &queue) const;
+  // The definition of the queue an open handle names: RC_Q_DELETED when it
+  // was deleted since the open.
+  QueueDefinition handleDefinition(const ObjectHandle &handle) const;
   // The run-time state of an existing queue, made on first use for a queue
   // that another process sharing the store defined.
   QueueState &state(const std::string &queue);
   std::shared_ptr<QueueState> sharedState(const std::string &queue);
   int32_t openHandle(int32_t hconn, Connection &connection, vxOBJDESC &od, int32_t options);
   ObjectHandle openObject(int32_t hconn, vxOBJDESC &od, int32_t options);
-  std::string createDynamicQueue(const QueueDefinition &model, const std::string &dynamicName,
-                                 int32_t creator);
-  // Adds a queue to the store and its state beside it, both or neither.
-  void addQueue(const QueueDefinition &definition, std::shared_ptr<QueueState> queueState);
+  std::string dynamicQueueName(const std::string &dynamicName);
+  // Undoes an addHandle whose open failed after it.
+  void forgetHandle(int64_t storeHandle);
+  // Opens a queue for an open handle's options: refused while an exclusive
+  // input open holds it, or for an exclusive input while it is open for
+  // input.  Returns the store's record of the open.
+  int64_t openQueue(const std::string &name, int32_t options);
+  // Gives back what the owners that ended held in a shared store.
+  void endEndedOwners();
+  // Wakes the gets that may wait on the queue, in every process.
+  void notify(const std::string &queue);
   void closeObject(int32_t hconn, Connection &connection, int32_t hobj, int32_t options);
   void putMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md, vxPUTOPTS &pmo,
                   const char *data, int32_t length);
@@ -182,7 +191,8 @@ class QueueManager {
   // get waits (the condition variables release it).
   AdaptiveMutex mutex_;
   std::unique_ptr<Store> store_;
-  std::map<std::string, std::shared_ptr<QueueState>> queues_;  // one per queue of the store
+  std::unique_ptr<Waker> waker_;                               // null for a store of one process
+  std::map<std::string, std::shared_ptr<QueueState>> queues_;  // made on first use
   std::unordered_map<int32_t, Connection> connections_;        // by connection handle
   uint64_t lastUnit_ = 0;
 };
@@ -200,8 +210,10 @@ class Registry {
   // The queue manager a live connection belongs to; RC_HCONN_ERROR otherwise.
   std::shared_ptr<QueueManager> connected(int32_t hconn);
   void disconnect(int32_t hconn);
-  // Replaces the queue manager by a new one, ending the old one's connections.
-  void reset(const std::string &name);
+  // Replaces the queue manager by a new one, ending the old one's
+  // connections; emptyMemory also removes what it keeps in memory shared
+  // by processes (home.h).
+  void reset(const std::string &name, bool emptyMemory);
 
  private:
   Registry() = default;

@@ -1,22 +1,28 @@
-// The SQLite store: queue definitions and persistent messages in one database
-// file per queue manager, shared by every process that opens it; temporary
-// dynamic queues and non-persistent messages in a memory store of this
-// process.  docs/persistence.md describes what is shared and why.
+// The SQLite store: everything of a queue manager, shared by every process
+// that opens the same two databases.  docs/persistence.md describes the split
+// and why.
+//
+// - The database on disk ("main") holds what outlives a restart: the queue
+//   definitions and the durable messages.
+// - The companion database ("v", on storage in memory) holds what does not:
+//   messages that are not durable, temporary dynamic queues, open handles,
+//   the owners that hold them, and the counter that numbers every message.
+//   Its writes never reach a disk.
 //
 // Like every store it is guarded by its queue manager's mutex: one database
-// connection per store, used by one thread at a time.  Every statement is
-// prepared once, when the store opens.  Every change is its own transaction,
-// committed before the call returns, so what a call reported done survives a
-// kill of the process.  A unit of work is not a database transaction (that
-// would keep every other process from writing until it ends): its messages
-// carry their state, the store's owner token and the unit number in their
-// rows, and other processes skip them until the unit ends.
+// connection per store, with the companion attached to it, used by one
+// thread at a time.  Every statement is prepared once, when the store opens.
+// Every change is its own transaction, committed before the call returns,
+// so what a call reported done survives a kill of the process.  A unit of
+// work is not a database transaction (that would keep every other process
+// from writing until it ends): its messages carry their state, the owner's
+// token and the unit number in their rows, and other owners skip them until
+// the unit ends.
 //
-// Sequences: a persistent message's key sequence is its row id shifted left
-// by 32 bits, so the delivery order of the database is the order of the puts
-// of every process; a non-persistent message's is the highest row id this
-// store has seen, shifted likewise, plus a counter of the store (never 0), so
-// a key's low 32 bits say which part holds the message.
+// Sequences: every message, in either database, takes the next value of the
+// companion's counter, so the delivery order is the order of the puts of
+// every process.  A key's sequence is that value shifted left by one, its
+// low bit telling which database holds the message.
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
@@ -29,13 +35,12 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <new>
 #include <set>
 #include <utility>
 
+#include "processes.h"
 #include "queue_manager.h"
 #include "store.h"
 
@@ -43,42 +48,88 @@ namespace vxqm {
 namespace {
 
 constexpr int kBusyTimeoutMilliseconds = 10000;
-constexpr uint64_t kLowBits = 0xFFFFFFFFu;
+constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
 
 enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2, kHeld = 3 };
 
-// The schema.  The depth of each queue is kept by triggers, in the same
-// transaction as the change, so that a put need not count the queue.  A row
-// id is never given again (AUTOINCREMENT): a process that found a message
-// removes it by its row id, and must not remove a newer message in its place
-// when another process took the one it found.
-constexpr const char *kSchema = R"sql(
-CREATE TABLE IF NOT EXISTS queues (
+// The two databases that hold messages, by the low bit of a key's sequence.
+enum Part : size_t { kDurable = 0, kVolatile = 1, kParts = 2 };
+constexpr const char *kPartSchema[kParts] = {"main", "v"};
+
+// The schema of the database on disk.  The depth of each queue is kept by
+// triggers, in the same transaction as the change, so that a put need not
+// count the queue.  A message's sequence is never given again: a process
+// that found a message removes it by its sequence, and must not remove a
+// newer message in its place when another process took the one it found.
+constexpr const char *kDurableSchema = R"sql(
+CREATE TABLE IF NOT EXISTS main.queues (
   name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
   persistence INTEGER, priority INTEGER, inhibit_get INTEGER, inhibit_put INTEGER,
-  max_length INTEGER, max_depth INTEGER, depth INTEGER NOT NULL DEFAULT 0);
-CREATE TABLE IF NOT EXISTS messages (
-  seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, priority INTEGER NOT NULL,
+  max_length INTEGER, max_depth INTEGER);
+CREATE TABLE IF NOT EXISTS main.messages (
+  seq INTEGER PRIMARY KEY, queue TEXT NOT NULL, priority INTEGER NOT NULL,
   state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
   msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
   expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
-CREATE INDEX IF NOT EXISTS messages_order ON messages (queue, state, priority DESC, seq);
-CREATE INDEX IF NOT EXISTS messages_expiry ON messages (queue, expires) WHERE expires IS NOT NULL;
-CREATE INDEX IF NOT EXISTS messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
-CREATE TRIGGER IF NOT EXISTS messages_added AFTER INSERT ON messages BEGIN
-  UPDATE queues SET depth = depth + 1 WHERE name = new.queue; END;
-CREATE TRIGGER IF NOT EXISTS messages_removed AFTER DELETE ON messages BEGIN
-  UPDATE queues SET depth = depth - 1 WHERE name = old.queue; END;
+CREATE INDEX IF NOT EXISTS main.messages_order ON messages (queue, state, priority DESC, seq);
+CREATE INDEX IF NOT EXISTS main.messages_expiry ON messages (queue, expires)
+  WHERE expires IS NOT NULL;
+CREATE INDEX IF NOT EXISTS main.messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
+CREATE TABLE IF NOT EXISTS main.depths (queue TEXT PRIMARY KEY, depth INTEGER NOT NULL);
+CREATE TRIGGER IF NOT EXISTS main.messages_added AFTER INSERT ON messages BEGIN
+  INSERT INTO depths VALUES (new.queue, 1) ON CONFLICT (queue) DO UPDATE SET depth = depth + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS main.messages_removed AFTER DELETE ON messages BEGIN
+  UPDATE depths SET depth = depth - 1 WHERE queue = old.queue; END;
 )sql";
 
-// Every statement of the store, by number: prepared once.
-enum Sql : size_t {
-  kFindQueue,
-  kSaveQueue,
-  kDeleteQueueMessages,
-  kDeleteQueue,
-  kQueueNames,
-  kDepth,
+// The version of the schema on disk (PRAGMA user_version), and what brings
+// a database of the first one up to it.
+constexpr int kSchemaVersion = 2;
+constexpr const char *kDropFirstTriggers =
+    "DROP TRIGGER IF EXISTS main.messages_added; DROP TRIGGER IF EXISTS main.messages_removed;";
+constexpr const char *kCountDepths =
+    "INSERT OR REPLACE INTO main.depths SELECT queue, COUNT(*) FROM main.messages GROUP BY queue;"
+    " PRAGMA main.user_version = 2;";
+
+// The companion's schema: the same messages and depths, the temporary
+// queues with the handle that created each, the open handles, the owners
+// and the message counter.  A handle number is never given again either.
+constexpr const char *kVolatileSchema = R"sql(
+CREATE TABLE IF NOT EXISTS v.queues (
+  name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
+  persistence INTEGER, priority INTEGER, inhibit_get INTEGER, inhibit_put INTEGER,
+  max_length INTEGER, max_depth INTEGER, creator INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS v.queues_creator ON queues (creator);
+CREATE TABLE IF NOT EXISTS v.messages (
+  seq INTEGER PRIMARY KEY, queue TEXT NOT NULL, priority INTEGER NOT NULL,
+  state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
+  msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
+  expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
+CREATE INDEX IF NOT EXISTS v.messages_order ON messages (queue, state, priority DESC, seq);
+CREATE INDEX IF NOT EXISTS v.messages_expiry ON messages (queue, expires)
+  WHERE expires IS NOT NULL;
+CREATE INDEX IF NOT EXISTS v.messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
+CREATE TABLE IF NOT EXISTS v.depths (queue TEXT PRIMARY KEY, depth INTEGER NOT NULL);
+CREATE TRIGGER IF NOT EXISTS v.messages_added AFTER INSERT ON messages BEGIN
+  INSERT INTO depths VALUES (new.queue, 1) ON CONFLICT (queue) DO UPDATE SET depth = depth + 1;
+END;
+CREATE TRIGGER IF NOT EXISTS v.messages_removed AFTER DELETE ON messages BEGIN
+  UPDATE depths SET depth = depth - 1 WHERE queue = old.queue; END;
+CREATE TABLE IF NOT EXISTS v.handles (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, owner TEXT NOT NULL,
+  options INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS v.handles_queue ON handles (queue);
+CREATE INDEX IF NOT EXISTS v.handles_owner ON handles (owner);
+CREATE TABLE IF NOT EXISTS v.owners (
+  token TEXT PRIMARY KEY, host TEXT NOT NULL, pid INTEGER NOT NULL, start_time INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS v.counters (name TEXT PRIMARY KEY, value INTEGER NOT NULL);
+INSERT OR IGNORE INTO v.counters VALUES ('message',
+  (SELECT COALESCE(MAX(seq), 0) FROM main.messages));
+)sql";
+
+// The statements on messages, once for each part: "{t}" names its schema.
+enum PartSql : size_t {
   kAddMessage,
   kFindMessage,
   kNextVisible,
@@ -86,14 +137,90 @@ enum Sql : size_t {
   kTakeInUnit,
   kHasExpired,
   kDiscardExpired,
+  kClearMessages,
   kReleaseHeld,
   kUnitQueues,
   kDeleteUnit,
   kRestoreUnit,
-  kOwners,
   kOwnerQueues,
-  kDeleteOwner,
+  kDeleteOwnerPuts,
   kRestoreOwner,
+  kDepth,
+  kDeleteDepth,
+  kPartStatements
+};
+
+constexpr const char *kPartTexts[kPartStatements] = {
+    // kAddMessage
+    "INSERT INTO {t}.messages (seq, queue, priority, state, owner, unit, msg_id, correl_id,"
+    " expires, visible, descriptor, data) VALUES (?12, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10,"
+    " ?11)",
+    // kFindMessage: ?3 ?4 the ids or null, ?5 ?6 a browse cursor (priority, seq) or null
+    "SELECT seq, priority, backout, expires, visible, descriptor, data FROM {t}.messages"
+    " WHERE queue = ?1 AND state = 0 AND (expires IS NULL OR expires > ?2)"
+    " AND (?3 IS NULL OR msg_id = ?3) AND (?4 IS NULL OR correl_id = ?4)"
+    " AND (?5 IS NULL OR priority < ?5 OR (priority = ?5 AND seq > ?6))"
+    " AND (visible IS NULL OR visible <= ?2) ORDER BY priority DESC, seq LIMIT 1",
+    // kNextVisible
+    "SELECT MIN(visible) FROM {t}.messages"
+    " WHERE queue = ?1 AND state = 0 AND (expires IS NULL OR expires > ?2)"
+    " AND (?3 IS NULL OR msg_id = ?3) AND (?4 IS NULL OR correl_id = ?4)"
+    " AND (?5 IS NULL OR priority < ?5 OR (priority = ?5 AND seq > ?6)) AND visible > ?2",
+    // kRemoveMessage
+    "DELETE FROM {t}.messages WHERE seq = ?1 AND state = 0",
+    // kTakeInUnit
+    "UPDATE {t}.messages SET state = 2, owner = ?2, unit = ?3 WHERE seq = ?1 AND state = 0",
+    // kHasExpired
+    "SELECT 1 FROM {t}.messages WHERE queue = ?1 AND expires <= ?2 AND state <> 2 LIMIT 1",
+    // kDiscardExpired
+    "DELETE FROM {t}.messages WHERE queue = ?1 AND expires <= ?2 AND state <> 2",
+    // kClearMessages
+    "DELETE FROM {t}.messages WHERE queue = ?1",
+    // kReleaseHeld
+    "UPDATE {t}.messages SET state = 0, owner = NULL WHERE queue = ?1 AND state = 3 AND owner = ?2",
+    // kUnitQueues: the queues on which messages of the unit in state ?3 become available
+    "SELECT DISTINCT queue FROM {t}.messages WHERE owner = ?1 AND unit = ?2 AND state = ?3",
+    // kDeleteUnit
+    "DELETE FROM {t}.messages WHERE owner = ?1 AND unit = ?2 AND state = ?3",
+    // kRestoreUnit: ?4 adds to the backout count
+    "UPDATE {t}.messages SET state = 0, owner = NULL, unit = 0, backout = backout + ?4"
+    " WHERE owner = ?1 AND unit = ?2 AND state = ?3",
+    // kOwnerQueues
+    "SELECT DISTINCT queue FROM {t}.messages WHERE owner = ?1 AND state <> 1",
+    // kDeleteOwnerPuts: the puts of every unit of an owner that ended
+    "DELETE FROM {t}.messages WHERE owner = ?1 AND state = 1",
+    // kRestoreOwner: its gets come back one backout higher, its held messages plainly
+    "UPDATE {t}.messages SET backout = backout + (state = 2), state = 0, owner = NULL, unit = 0"
+    " WHERE owner = ?1",
+    // kDepth
+    "SELECT depth FROM {t}.depths WHERE queue = ?1",
+    // kDeleteDepth
+    "DELETE FROM {t}.depths WHERE queue = ?1",
+};
+
+// The other statements, by number.
+enum Sql : size_t {
+  kFindQueue,
+  kInsertQueue,
+  kUpdateDurableQueue,
+  kUpdateVolatileQueue,
+  kCreateTemporaryQueue,
+  kDeleteDurableQueue,
+  kDeleteVolatileQueue,
+  kDeleteQueueHandles,
+  kQueueNames,
+  kNextSequence,
+  kAddHandle,
+  kRemoveHandle,
+  kHandleExists,
+  kQueuesCreatedBy,
+  kOpenCounts,
+  kOwners,
+  kOrphanedOwners,
+  kAddOwner,
+  kDeleteOwner,
+  kOwnerTemporaryQueues,
+  kDeleteOwnerHandles,
   kBegin,
   kCommit,
   kRollback,
@@ -103,61 +230,60 @@ enum Sql : size_t {
 constexpr const char *kStatementTexts[kStatements] = {
     // kFindQueue
     "SELECT queue_type, definition_type, description, persistence, priority, inhibit_get,"
-    " inhibit_put, max_length, max_depth FROM queues WHERE name = ?1",
-    // kSaveQueue
-    "INSERT INTO queues (name, queue_type, definition_type, description, persistence, priority,"
-    " inhibit_get, inhibit_put, max_length, max_depth) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9,"
-    " ?10) ON CONFLICT (name) DO UPDATE SET queue_type = ?2, definition_type = ?3,"
-    " description = ?4, persistence = ?5, priority = ?6, inhibit_get = ?7, inhibit_put = ?8,"
-    " max_length = ?9, max_depth = ?10",
-    // kDeleteQueueMessages
-    "DELETE FROM messages WHERE queue = ?1",
-    // kDeleteQueue
-    "DELETE FROM queues WHERE name = ?1",
+    " inhibit_put, max_length, max_depth FROM v.queues WHERE name = ?1 UNION ALL"
+    " SELECT queue_type, definition_type, description, persistence, priority, inhibit_get,"
+    " inhibit_put, max_length, max_depth FROM main.queues WHERE name = ?1",
+    // kInsertQueue
+    "INSERT INTO main.queues (name, queue_type, definition_type, description, persistence,"
+    " priority, inhibit_get, inhibit_put, max_length, max_depth)"
+    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)",
+    // kUpdateDurableQueue
+    "UPDATE main.queues SET queue_type = ?2, definition_type = ?3, description = ?4,"
+    " persistence = ?5, priority = ?6, inhibit_get = ?7, inhibit_put = ?8, max_length = ?9,"
+    " max_depth = ?10 WHERE name = ?1",
+    // kUpdateVolatileQueue
+    "UPDATE v.queues SET queue_type = ?2, definition_type = ?3, description = ?4,"
+    " persistence = ?5, priority = ?6, inhibit_get = ?7, inhibit_put = ?8, max_length = ?9,"
+    " max_depth = ?10 WHERE name = ?1",
+    // kCreateTemporaryQueue
+    "INSERT INTO v.queues (name, queue_type, definition_type, description, persistence,"
+    " priority, inhibit_get, inhibit_put, max_length, max_depth, creator)"
+    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)",
+    // kDeleteDurableQueue
+    "DELETE FROM main.queues WHERE name = ?1",
+    // kDeleteVolatileQueue
+    "DELETE FROM v.queues WHERE name = ?1",
+    // kDeleteQueueHandles
+    "DELETE FROM v.handles WHERE queue = ?1",
     // kQueueNames
-    "SELECT name FROM queues ORDER BY name",
-    // kDepth
-    "SELECT depth FROM queues WHERE name = ?1",
-    // kAddMessage
-    "INSERT INTO messages (queue, priority, state, owner, unit, msg_id, correl_id, expires,"
-    " visible, descriptor, data) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)",
-    // kFindMessage: ?3 ?4 the ids or null, ?5 ?6 a browse cursor (priority, row id) or null
-    "SELECT seq, priority, backout, expires, visible, descriptor, data FROM messages"
-    " WHERE queue = ?1 AND state = 0 AND (expires IS NULL OR expires > ?2)"
-    " AND (?3 IS NULL OR msg_id = ?3) AND (?4 IS NULL OR correl_id = ?4)"
-    " AND (?5 IS NULL OR priority < ?5 OR (priority = ?5 AND seq > ?6))"
-    " AND (visible IS NULL OR visible <= ?2) ORDER BY priority DESC, seq LIMIT 1",
-    // kNextVisible
-    "SELECT MIN(visible) FROM messages"
-    " WHERE queue = ?1 AND state = 0 AND (expires IS NULL OR expires > ?2)"
-    " AND (?3 IS NULL OR msg_id = ?3) AND (?4 IS NULL OR correl_id = ?4)"
-    " AND (?5 IS NULL OR priority < ?5 OR (priority = ?5 AND seq > ?6)) AND visible > ?2",
-    // kRemoveMessage
-    "DELETE FROM messages WHERE seq = ?1 AND state = 0",
-    // kTakeInUnit
-    "UPDATE messages SET state = 2, owner = ?2, unit = ?3 WHERE seq = ?1 AND state = 0",
-    // kHasExpired
-    "SELECT 1 FROM messages WHERE queue = ?1 AND expires <= ?2 AND state <> 2 LIMIT 1",
-    // kDiscardExpired
-    "DELETE FROM messages WHERE queue = ?1 AND expires <= ?2 AND state <> 2",
-    // kReleaseHeld
-    "UPDATE messages SET state = 0, owner = NULL WHERE queue = ?1 AND state = 3 AND owner = ?2",
-    // kUnitQueues: the queues on which messages of the unit in state ?3 become available
-    "SELECT DISTINCT queue FROM messages WHERE owner = ?1 AND unit = ?2 AND state = ?3",
-    // kDeleteUnit
-    "DELETE FROM messages WHERE owner = ?1 AND unit = ?2 AND state = ?3",
-    // kRestoreUnit: ?4 adds to the backout count
-    "UPDATE messages SET state = 0, owner = NULL, unit = 0, backout = backout + ?4"
-    " WHERE owner = ?1 AND unit = ?2 AND state = ?3",
+    "SELECT name FROM main.queues UNION ALL SELECT name FROM v.queues ORDER BY name",
+    // kNextSequence
+    "UPDATE v.counters SET value = value + 1 WHERE name = 'message' RETURNING value",
+    // kAddHandle
+    "INSERT INTO v.handles (queue, owner, options) VALUES (?1, ?2, ?3)",
+    // kRemoveHandle
+    "DELETE FROM v.handles WHERE id = ?1",
+    // kHandleExists
+    "SELECT 1 FROM v.handles WHERE id = ?1",
+    // kQueuesCreatedBy
+    "SELECT name FROM v.queues WHERE creator = ?1 ORDER BY name",
+    // kOpenCounts: ?2 the input options, ?3 output, ?4 exclusive input
+    "SELECT COUNT(*), COALESCE(SUM((options & ?2) <> 0), 0), COALESCE(SUM((options & ?3) <> 0), 0),"
+    " COALESCE(MAX((options & ?4) <> 0), 0) FROM v.handles WHERE queue = ?1",
     // kOwners
-    "SELECT DISTINCT owner FROM messages WHERE owner IS NOT NULL",
-    // kOwnerQueues
-    "SELECT DISTINCT queue FROM messages WHERE owner = ?1 AND state <> 1",
-    // kDeleteOwner: the puts of every unit of an owner that ended
-    "DELETE FROM messages WHERE owner = ?1 AND state = 1",
-    // kRestoreOwner: its gets come back one backout higher, its held messages plainly
-    "UPDATE messages SET backout = backout + (state = 2), state = 0, owner = NULL, unit = 0"
-    " WHERE owner = ?1",
+    "SELECT token, host, pid, start_time FROM v.owners WHERE token <> ?1",
+    // kOrphanedOwners: owners of durable messages that the companion no longer
+    // knows (it was emptied by a restart)
+    "SELECT DISTINCT owner FROM main.messages WHERE owner IS NOT NULL"
+    " AND owner NOT IN (SELECT token FROM v.owners)",
+    // kAddOwner
+    "INSERT OR REPLACE INTO v.owners (token, host, pid, start_time) VALUES (?1, ?2, ?3, ?4)",
+    // kDeleteOwner
+    "DELETE FROM v.owners WHERE token = ?1",
+    // kOwnerTemporaryQueues
+    "SELECT name FROM v.queues WHERE creator IN (SELECT id FROM v.handles WHERE owner = ?1)",
+    // kDeleteOwnerHandles
+    "DELETE FROM v.handles WHERE owner = ?1",
     // kBegin
     "BEGIN IMMEDIATE",
     // kCommit
@@ -187,15 +313,23 @@ Clock::time_point monotonicPoint(int64_t wallMs) {
          std::chrono::duration_cast<Clock::duration>(wall - std::chrono::system_clock::now());
 }
 
-// A token naming this store among the processes that share the database.
-std::string newOwnerToken() {
+// A token naming this store among the owners of the databases.
+std::string newOwnerToken(const Owner &self) {
   static std::atomic<uint32_t> counter{0};
   const uint64_t now =
       static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
   char text[48];
   std::snprintf(text, sizeof text, "%08" PRIx32 "-%016" PRIx64 "-%" PRIu32,
-                static_cast<uint32_t>(getpid()), now, ++counter);
+                static_cast<uint32_t>(self.pid), now, ++counter);
   return text;
+}
+
+std::string partText(const char *text, Part part) {
+  std::string sql = text;
+  for (size_t at = sql.find("{t}"); at != std::string::npos; at = sql.find("{t}", at)) {
+    sql.replace(at, 3, kPartSchema[part]);
+  }
+  return sql;
 }
 
 // One prepared statement in use: bound, stepped, and reset whatever happens.
@@ -222,6 +356,19 @@ class Use {
     check(sqlite3_bind_blob(statement_, index, length > 0 ? bytes : "", static_cast<int>(length),
                             SQLITE_STATIC));
     return *this;
+  }
+  // A queue definition's fields, as ?1 .. ?10.
+  Use &definition(const QueueDefinition &definition) {
+    return text(1, definition.name)
+        .integer(2, definition.queueType)
+        .integer(3, definition.definitionType)
+        .text(4, definition.description)
+        .integer(5, definition.defaultPersistence)
+        .integer(6, definition.defaultPriority)
+        .integer(7, definition.inhibitGet)
+        .integer(8, definition.inhibitPut)
+        .integer(9, definition.maxMsgLength)
+        .integer(10, definition.maxDepth);
   }
   // True while there is a row.
   bool step() {
@@ -287,12 +434,25 @@ class Guard {
   int fd_;
 };
 
+// Makes the companion's file, or checks the one that is there: a regular
+// file of this user that no one else may read, never a link.
+void prepareCompanion(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) throw Failure{RC_STORE_ERROR};
+  struct stat info;
+  const bool safe = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
+                    (info.st_mode & 077) == 0;
+  ::close(fd);
+  if (!safe) throw Failure{RC_STORE_ERROR};
+}
+
 class SqliteStore final : public Store {
  public:
-  explicit SqliteStore(const std::string &path)
-      : owner_(newOwnerToken()), memory_(makeMemoryStore(&SqliteStore::nextLocal, this)) {
+  explicit SqliteStore(const SqlitePaths &paths)
+      : self_(thisProcess()), owner_(newOwnerToken(self_)) {
+    self_.token = owner_;
     int result =
-        sqlite3_open_v2(path.c_str(), &db_,
+        sqlite3_open_v2(paths.database.c_str(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (result != SQLITE_OK) {
       close();
@@ -300,26 +460,43 @@ class SqliteStore final : public Store {
     }
     try {
       sqlite3_busy_timeout(db_, kBusyTimeoutMilliseconds);
-      // WAL: readers and one writer at a time, across processes.  NORMAL:
-      // a commit is in the log before it returns, which a killed process
-      // cannot undo; only a failure of the machine can lose the latest ones.
-      execute("PRAGMA journal_mode = WAL");
-      execute("PRAGMA synchronous = NORMAL");
+      prepareCompanion(paths.companion);
+      attachCompanion(paths.companion);
+      // WAL: readers and one writer at a time, across processes.  On disk,
+      // NORMAL: a commit is in the log before it returns, which a killed
+      // process cannot undo; only a failure of the machine can lose the
+      // latest ones.  The companion is never synced: it lives in memory.
+      execute("PRAGMA main.journal_mode = WAL");
+      execute("PRAGMA main.synchronous = NORMAL");
+      execute("PRAGMA v.journal_mode = WAL");
+      execute("PRAGMA v.synchronous = OFF");
       execute("BEGIN IMMEDIATE");
       try {
-        execute(kSchema);
+        // A database of the first schema kept its depths in the queues
+        // table, by triggers of the same names.
+        if (userVersion() < kSchemaVersion) execute(kDropFirstTriggers);
+        execute(kDurableSchema);
+        if (userVersion() < kSchemaVersion) execute(kCountDepths);
+        execute(kVolatileSchema);
         execute("COMMIT");
       } catch (...) {
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         throw;
       }
-      for (size_t i = 0; i < kStatements; ++i) {
-        result = sqlite3_prepare_v3(db_, kStatementTexts[i], -1, SQLITE_PREPARE_PERSISTENT,
-                                    &statements_[i], nullptr);
-        if (result != SQLITE_OK) fail(result);
+      for (size_t i = 0; i < kStatements; ++i) prepare(kStatementTexts[i], &statements_[i]);
+      for (size_t part = 0; part < kParts; ++part) {
+        for (size_t i = 0; i < kPartStatements; ++i) {
+          prepare(partText(kPartTexts[i], static_cast<Part>(part)).c_str(), &parts_[part][i]);
+        }
       }
-      lockOwnerFile(path);
-      recoverEndedOwners();
+      lockOwnerFile(paths.database);
+      Use(statement(kAddOwner))
+          .text(1, owner_)
+          .text(2, self_.host)
+          .integer(3, self_.pid)
+          .integer(4, self_.startTime)
+          .run();
+      removeLeftoverOwnerFiles();
     } catch (...) {
       close();
       throw;
@@ -327,25 +504,17 @@ class SqliteStore final : public Store {
   }
 
   ~SqliteStore() override {
-    // The units this store leaves open back out, its held messages are
-    // released: as for a process that ends without committing.
+    // What this store leaves is given back as for an owner that ended: its
+    // handles close, its units back out, its held messages are released.
     try {
-      endOwner(owner_);
+      endOwner(self_);
     } catch (...) {
-      // Nothing more can be done; the next store to open recovers them.
+      // Nothing more can be done; the next look at the owners ends it.
     }
     close();
   }
 
-  bool shared() const override { return true; }
-
   bool findQueue(const std::string &name, QueueDefinition *definition) const override {
-    // The memory part also knows the queues of the database, by name only.
-    QueueDefinition temporaryQueue;
-    if (memory_->findQueue(name, &temporaryQueue) && temporary(temporaryQueue)) {
-      if (definition != nullptr) *definition = std::move(temporaryQueue);
-      return true;
-    }
     Use use(statement(kFindQueue));
     use.text(1, name);
     if (!use.step()) return false;
@@ -366,157 +535,287 @@ class SqliteStore final : public Store {
     return true;
   }
 
-  void saveQueue(const QueueDefinition &definition) override {
-    if (temporary(definition)) {
-      memory_->saveQueue(definition);
-      return;
+  // A queue that dies with its handle need not outlive a restart: it is
+  // kept in the companion.
+  void createQueue(const QueueDefinition &definition, int64_t creator) override {
+    if (creator == 0) {
+      Use(statement(kInsertQueue)).definition(definition).run();
+    } else {
+      Use(statement(kCreateTemporaryQueue)).definition(definition).integer(11, creator).run();
     }
-    Use use(statement(kSaveQueue));
-    use.text(1, definition.name)
-        .integer(2, definition.queueType)
-        .integer(3, definition.definitionType)
-        .text(4, definition.description)
-        .integer(5, definition.defaultPersistence)
-        .integer(6, definition.defaultPriority)
-        .integer(7, definition.inhibitGet)
-        .integer(8, definition.inhibitPut)
-        .integer(9, definition.maxMsgLength)
-        .integer(10, definition.maxDepth)
-        .run();
-    ensureLocal(definition.name);
+  }
+
+  void saveQueue(const QueueDefinition &definition) override {
+    transaction([&] {
+      Use(statement(kUpdateVolatileQueue)).definition(definition).run();
+      if (sqlite3_changes(db_) > 0) return;
+      Use(statement(kUpdateDurableQueue)).definition(definition).run();
+      if (sqlite3_changes(db_) > 0) return;
+      Use(statement(kInsertQueue)).definition(definition).run();
+    });
   }
 
   void deleteQueue(const std::string &name) override {
-    memory_->deleteQueue(name);
-    transaction([&] {
-      Use(statement(kDeleteQueueMessages)).text(1, name).run();
-      Use(statement(kDeleteQueue)).text(1, name).run();
-    });
+    transaction([&] { deleteQueueRows(name); });
   }
 
   std::vector<std::string> queueNames() const override {
     std::vector<std::string> names;
-    {
-      Use use(statement(kQueueNames));
-      while (use.step()) names.push_back(use.columnText(0));
-    }
-    for (std::string &name : memory_->queueNames()) {
-      QueueDefinition definition;
-      memory_->findQueue(name, &definition);
-      if (temporary(definition)) names.push_back(std::move(name));
-    }
-    std::sort(names.begin(), names.end());
+    Use use(statement(kQueueNames));
+    while (use.step()) names.push_back(use.columnText(0));
     return names;
   }
 
-  int32_t depth(const std::string &queue) const override {
-    int32_t stored = 0;
-    if (!temporaryQueue(queue)) {
-      Use use(statement(kDepth));
-      use.text(1, queue);
-      if (use.step()) stored = static_cast<int32_t>(use.column(0));
-    }
-    return stored + local(queue).depth(queue);
+  int64_t addHandle(const std::string &queue, int32_t options) override {
+    Use(statement(kAddHandle)).text(1, queue).text(2, owner_).integer(3, options).run();
+    return sqlite3_last_insert_rowid(db_);
   }
 
-  MessageKey addMessage(const std::string &queue, Message message, MessageState state,
-                        uint64_t unit) override {
-    if (message.descriptor.persistence != PERSISTENCE_PERSISTENT || temporaryQueue(queue)) {
-      return local(queue).addMessage(queue, std::move(message), state, unit);
-    }
-    const vxMSGDESC &md = message.descriptor;
-    Use use(statement(kAddMessage));
+  void removeHandle(int64_t handle) override {
+    Use(statement(kRemoveHandle)).integer(1, handle).run();
+  }
+
+  bool handleExists(int64_t handle) const override {
+    Use use(statement(kHandleExists));
+    use.integer(1, handle);
+    return use.step();
+  }
+
+  std::vector<std::string> queuesCreatedBy(int64_t handle) const override {
+    std::vector<std::string> names;
+    Use use(statement(kQueuesCreatedBy));
+    use.integer(1, handle);
+    while (use.step()) names.push_back(use.columnText(0));
+    return names;
+  }
+
+  OpenCounts openCounts(const std::string &queue) const override {
+    Use use(statement(kOpenCounts));
     use.text(1, queue)
-        .integer(2, md.priority)
-        .integer(3, rowState(state))
-        .integer(5, static_cast<int64_t>(unit))
-        .blob(6, md.msgId, MSG_ID_LENGTH)
-        .blob(7, md.correlId, CORREL_ID_LENGTH)
-        .blob(10, &md, sizeof md)
-        .blob(11, message.data.data(), message.data.size());
-    if (state == MessageState::kPutInUnit || state == MessageState::kHeld) use.text(4, owner_);
-    if (message.expiresAt != Clock::time_point::max()) {
-      use.integer(8, wallMilliseconds(message.expiresAt));
+        .integer(2, kInputOptions)
+        .integer(3, OPEN_OUTPUT)
+        .integer(4, OPEN_INPUT_EXCLUSIVE);
+    OpenCounts counts;
+    if (use.step()) {
+      counts.handles = static_cast<int32_t>(use.column(0));
+      counts.input = static_cast<int32_t>(use.column(1));
+      counts.output = static_cast<int32_t>(use.column(2));
+      counts.exclusiveInput = use.column(3) != 0;
     }
-    if (message.visibleFrom != Clock::time_point::min()) {
-      use.integer(9, wallMilliseconds(message.visibleFrom));
+    return counts;
+  }
+
+  int32_t depth(const std::string &queue) const override {
+    int64_t depth = 0;
+    for (size_t part = 0; part < kParts; ++part) {
+      Use use(partStatement(static_cast<Part>(part), kDepth));
+      use.text(1, queue);
+      if (use.step()) depth += use.column(0);
     }
-    use.run();
-    const int64_t row = sqlite3_last_insert_rowid(db_);
-    seen(row);
-    return MessageKey{md.priority, static_cast<uint64_t>(row) << 32};
+    return static_cast<int32_t>(depth);
+  }
+
+  MessageKey addMessage(const std::string &queue, Message message, Durability durability,
+                        MessageState state, uint64_t unit) override {
+    const Part part = durability == Durability::kDurable ? kDurable : kVolatile;
+    const vxMSGDESC &md = message.descriptor;
+    int64_t sequence = 0;
+    transaction([&] {
+      {
+        Use next(statement(kNextSequence));
+        if (!next.step()) throw Failure{RC_STORE_ERROR};
+        sequence = next.column(0);
+      }
+      Use use(partStatement(part, kAddMessage));
+      use.text(1, queue)
+          .integer(2, md.priority)
+          .integer(3, rowState(state))
+          .integer(5, static_cast<int64_t>(unit))
+          .blob(6, md.msgId, MSG_ID_LENGTH)
+          .blob(7, md.correlId, CORREL_ID_LENGTH)
+          .blob(10, &md, sizeof md)
+          .blob(11, message.data.data(), message.data.size())
+          .integer(12, sequence);
+      if (state == MessageState::kPutInUnit || state == MessageState::kHeld) use.text(4, owner_);
+      if (message.expiresAt != Clock::time_point::max()) {
+        use.integer(8, wallMilliseconds(message.expiresAt));
+      }
+      if (message.visibleFrom != Clock::time_point::min()) {
+        use.integer(9, wallMilliseconds(message.visibleFrom));
+      }
+      use.run();
+    });
+    return MessageKey{md.priority, keySequence(sequence, part)};
   }
 
   Found findMessage(const std::string &queue, const Selection &selection,
                     Clock::time_point now) const override {
-    Found inMemory = local(queue).findMessage(queue, selection, now);
-    if (temporaryQueue(queue)) return inMemory;
-    Found stored = findStored(queue, selection, now);
-    const Clock::time_point nextVisible = std::min(inMemory.nextVisible, stored.nextVisible);
-    Found &first = inMemory.message == nullptr                              ? stored
-                   : stored.message == nullptr || inMemory.key < stored.key ? inMemory
-                                                                            : stored;
-    first.nextVisible = nextVisible;
+    Found first;
+    for (size_t part = 0; part < kParts; ++part) {
+      Found found = findIn(static_cast<Part>(part), queue, selection, now);
+      const Clock::time_point nextVisible = std::min(first.nextVisible, found.nextVisible);
+      if (found.message != nullptr && (first.message == nullptr || found.key < first.key)) {
+        first = found;
+      }
+      first.nextVisible = nextVisible;
+    }
+    if (first.message != nullptr) {
+      // Kept where the caller reads it until the next call that changes the store.
+      const Part part = partOf(first.key);
+      current_ = std::move(candidates_[part]);
+      first.message = &current_;
+    }
     return first;
   }
 
-  bool removeMessage(const std::string &queue, const MessageKey &key) override {
-    if (inMemory(key)) return local(queue).removeMessage(queue, key);
-    Use use(statement(kRemoveMessage));
+  bool removeMessage(const std::string & /*queue*/, const MessageKey &key) override {
+    Use use(partStatement(partOf(key), kRemoveMessage));
     use.integer(1, row(key)).run();
     return sqlite3_changes(db_) > 0;
   }
 
-  bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) override {
-    if (inMemory(key)) return local(queue).takeInUnit(queue, key, unit);
-    Use use(statement(kTakeInUnit));
+  bool takeInUnit(const std::string & /*queue*/, const MessageKey &key, uint64_t unit) override {
+    Use use(partStatement(partOf(key), kTakeInUnit));
     use.integer(1, row(key)).text(2, owner_).integer(3, static_cast<int64_t>(unit)).run();
     return sqlite3_changes(db_) > 0;
   }
 
   int32_t discardExpired(const std::string &queue, Clock::time_point now) override {
-    int32_t discarded = local(queue).discardExpired(queue, now);
-    if (temporaryQueue(queue)) return discarded;
     const int64_t wallNow = wallMilliseconds(now);
-    {
-      // A read first: most calls find nothing and need not take the lock
-      // that every writing process waits for.
-      Use has(statement(kHasExpired));
-      has.text(1, queue).integer(2, wallNow);
-      if (!has.step()) return discarded;
+    int32_t discarded = 0;
+    for (size_t part = 0; part < kParts; ++part) {
+      {
+        // A read first: most calls find nothing and need not take the lock
+        // that every writing process waits for.
+        Use has(partStatement(static_cast<Part>(part), kHasExpired));
+        has.text(1, queue).integer(2, wallNow);
+        if (!has.step()) continue;
+      }
+      Use use(partStatement(static_cast<Part>(part), kDiscardExpired));
+      use.text(1, queue).integer(2, wallNow).run();
+      discarded += sqlite3_changes(db_);
     }
-    Use use(statement(kDiscardExpired));
-    use.text(1, queue).integer(2, wallNow).run();
-    return discarded + sqlite3_changes(db_);
+    return discarded;
   }
 
   void clearQueue(const std::string &queue) override {
-    local(queue).clearQueue(queue);
-    if (!temporaryQueue(queue)) Use(statement(kDeleteQueueMessages)).text(1, queue).run();
+    transaction([&] {
+      for (size_t part = 0; part < kParts; ++part) {
+        Use(partStatement(static_cast<Part>(part), kClearMessages)).text(1, queue).run();
+      }
+    });
   }
 
   int32_t releaseHeld(const std::string &queue) override {
-    int32_t released = local(queue).releaseHeld(queue);
-    if (temporaryQueue(queue)) return released;
-    Use use(statement(kReleaseHeld));
-    use.text(1, queue).text(2, owner_).run();
-    return released + sqlite3_changes(db_);
+    int32_t released = 0;
+    transaction([&] {
+      for (size_t part = 0; part < kParts; ++part) {
+        Use(partStatement(static_cast<Part>(part), kReleaseHeld))
+            .text(1, queue)
+            .text(2, owner_)
+            .run();
+        released += sqlite3_changes(db_);
+      }
+    });
+    return released;
   }
 
   std::vector<std::string> commit(uint64_t unit) override { return endUnit(unit, true); }
   std::vector<std::string> backout(uint64_t unit) override { return endUnit(unit, false); }
 
+  std::vector<Owner> owners() const override {
+    std::vector<Owner> owners;
+    {
+      Use use(statement(kOwners));
+      use.text(1, owner_);
+      while (use.step()) {
+        Owner owner;
+        owner.token = use.columnText(0);
+        owner.host = use.columnText(1);
+        owner.pid = static_cast<int32_t>(use.column(2));
+        owner.startTime = use.column(3);
+        owners.push_back(std::move(owner));
+      }
+    }
+    Use use(statement(kOrphanedOwners));
+    while (use.step()) {
+      Owner owner;
+      owner.token = use.columnText(0);
+      owners.push_back(std::move(owner));
+    }
+    return owners;
+  }
+
+  // An owner's file is locked for as long as its store lives, and the system
+  // drops the lock when the process ends, however it ends.
+  bool ownerEnded(const Owner &owner) const override {
+    if (owner.token == owner_) return false;
+    const int fd = open(ownerFile(owner.token).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return errno == ENOENT;
+    const bool free = flock(fd, LOCK_EX | LOCK_NB) == 0;
+    ::close(fd);
+    return free;
+  }
+
+  std::vector<std::string> endOwner(const Owner &owner) override {
+    std::vector<std::string> available;
+    transaction([&] {
+      for (size_t part = 0; part < kParts; ++part) {
+        Use use(partStatement(static_cast<Part>(part), kOwnerQueues));
+        use.text(1, owner.token);
+        while (use.step()) addName(available, use.columnText(0));
+      }
+      std::vector<std::string> temporary;
+      {
+        Use use(statement(kOwnerTemporaryQueues));
+        use.text(1, owner.token);
+        while (use.step()) temporary.push_back(use.columnText(0));
+      }
+      for (const std::string &name : temporary) deleteQueueRows(name);
+      for (size_t part = 0; part < kParts; ++part) {
+        Use(partStatement(static_cast<Part>(part), kDeleteOwnerPuts)).text(1, owner.token).run();
+        Use(partStatement(static_cast<Part>(part), kRestoreOwner)).text(1, owner.token).run();
+      }
+      Use(statement(kDeleteOwnerHandles)).text(1, owner.token).run();
+      Use(statement(kDeleteOwner)).text(1, owner.token).run();
+    });
+    if (owner.token != owner_) unlink(ownerFile(owner.token).c_str());
+    return available;
+  }
+
+  // A step is one write transaction of both databases.  A step within a step
+  // is part of it; one that is not kept undoes the outermost.
+  void beginStep() override {
+    if (stepDepth_ == 0) Use(statement(kBegin)).run();
+    ++stepDepth_;
+  }
+
+  void endStep(bool keep) override {
+    if (stepDepth_ == 0) return;
+    stepUndone_ = stepUndone_ || !keep;
+    if (stepDepth_ > 1) {
+      --stepDepth_;
+      return;
+    }
+    if (stepUndone_) {
+      rollback();
+    } else {
+      Use(statement(kCommit)).run();  // on failure the step stays open, to be undone
+    }
+    stepDepth_ = 0;
+    stepUndone_ = false;
+  }
+
  private:
-  static bool temporary(const QueueDefinition &definition) {
-    return definition.queueType == QTYPE_LOCAL &&
-           definition.definitionType == DEFTYPE_TEMPORARY_DYNAMIC;
+  static void addName(std::vector<std::string> &names, std::string name) {
+    if (std::find(names.begin(), names.end(), name) == names.end())
+      names.push_back(std::move(name));
   }
-  bool temporaryQueue(const std::string &queue) const {
-    QueueDefinition definition;
-    return memory_->findQueue(queue, &definition) && temporary(definition);
+  static uint64_t keySequence(int64_t sequence, Part part) {
+    return (static_cast<uint64_t>(sequence) << 1) | part;
   }
-  static bool inMemory(const MessageKey &key) { return (key.sequence & kLowBits) != 0; }
-  static int64_t row(const MessageKey &key) { return static_cast<int64_t>(key.sequence >> 32); }
+  static Part partOf(const MessageKey &key) { return static_cast<Part>(key.sequence & 1); }
+  static int64_t row(const MessageKey &key) { return static_cast<int64_t>(key.sequence >> 1); }
   static int rowState(MessageState state) {
     switch (state) {
       case MessageState::kAvailable:
@@ -531,30 +830,19 @@ class SqliteStore final : public Store {
     return kAvailable;
   }
 
-  // The memory part of a queue of the database: made on first use, since
-  // another process may have defined the queue.
-  Store &local(const std::string &queue) const {
-    if (!memory_->findQueue(queue, nullptr)) {
-      QueueDefinition definition;
-      definition.name = queue;
-      memory_->saveQueue(definition);
+  // Within a transaction: the queue, its messages, depths and handles.
+  void deleteQueueRows(const std::string &name) {
+    for (size_t part = 0; part < kParts; ++part) {
+      Use(partStatement(static_cast<Part>(part), kClearMessages)).text(1, name).run();
+      Use(partStatement(static_cast<Part>(part), kDeleteDepth)).text(1, name).run();
     }
-    return *memory_;
-  }
-  void ensureLocal(const std::string &queue) { local(queue); }
-
-  static uint64_t nextLocal(void *context) {
-    auto *store = static_cast<SqliteStore *>(context);
-    ++store->localCounter_;
-    if ((store->localCounter_ & kLowBits) == 0) ++store->localCounter_;
-    return (store->highestRow_ << 32) | (store->localCounter_ & kLowBits);
-  }
-  void seen(int64_t rowId) const {
-    highestRow_ = std::max(highestRow_, static_cast<uint64_t>(rowId));
+    Use(statement(kDeleteDurableQueue)).text(1, name).run();
+    Use(statement(kDeleteVolatileQueue)).text(1, name).run();
+    Use(statement(kDeleteQueueHandles)).text(1, name).run();
   }
 
-  Found findStored(const std::string &queue, const Selection &selection,
-                   Clock::time_point now) const {
+  Found findIn(Part part, const std::string &queue, const Selection &selection,
+               Clock::time_point now) const {
     Found found;
     const int64_t wallNow = wallMilliseconds(now);
     auto bind = [&](Use &use) {
@@ -563,17 +851,17 @@ class SqliteStore final : public Store {
       if (selection.correlId != nullptr) use.blob(4, selection.correlId, CORREL_ID_LENGTH);
       if (selection.after) {
         use.integer(5, selection.after->priority);
-        use.integer(6, static_cast<int64_t>(selection.after->sequence >> 32));
+        use.integer(6, row(*selection.after));
       }
     };
     {
-      Use use(statement(kFindMessage));
+      Use use(partStatement(part, kFindMessage));
       bind(use);
       if (use.step()) {
         size_t length = 0;
         const char *descriptor = use.columnBlob(5, &length);
         if (length != sizeof(vxMSGDESC)) throw Failure{RC_STORE_ERROR};
-        Message &message = current_;
+        Message &message = candidates_[part];
         std::memcpy(&message.descriptor, descriptor, sizeof message.descriptor);
         message.descriptor.backoutCount = static_cast<int32_t>(use.column(2));
         const char *data = use.columnBlob(6, &length);
@@ -581,101 +869,51 @@ class SqliteStore final : public Store {
         message.expiresAt = use.null(3) ? Clock::time_point::max() : monotonicPoint(use.column(3));
         message.visibleFrom =
             use.null(4) ? Clock::time_point::min() : monotonicPoint(use.column(4));
-        const int64_t rowId = use.column(0);
-        seen(rowId);
-        found.message = &current_;
+        found.message = &message;
         found.key =
-            MessageKey{static_cast<int32_t>(use.column(1)), static_cast<uint64_t>(rowId) << 32};
+            MessageKey{static_cast<int32_t>(use.column(1)), keySequence(use.column(0), part)};
         return found;
       }
     }
-    Use use(statement(kNextVisible));
+    Use use(partStatement(part, kNextVisible));
     bind(use);
     if (use.step() && !use.null(0)) found.nextVisible = monotonicPoint(use.column(0));
     return found;
   }
 
   std::vector<std::string> endUnit(uint64_t unit, bool commit) {
-    std::vector<std::string> available = commit ? memory_->commit(unit) : memory_->backout(unit);
+    std::vector<std::string> available;
     const int becoming = commit ? kPutInUnit : kGotInUnit;
     const int leaving = commit ? kGotInUnit : kPutInUnit;
     transaction([&] {
-      {
-        Use use(statement(kUnitQueues));
-        use.text(1, owner_).integer(2, static_cast<int64_t>(unit)).integer(3, becoming);
-        while (use.step()) {
-          std::string name = use.columnText(0);
-          if (std::find(available.begin(), available.end(), name) == available.end()) {
-            available.push_back(std::move(name));
-          }
+      for (size_t p = 0; p < kParts; ++p) {
+        const Part part = static_cast<Part>(p);
+        {
+          Use use(partStatement(part, kUnitQueues));
+          use.text(1, owner_).integer(2, static_cast<int64_t>(unit)).integer(3, becoming);
+          while (use.step()) addName(available, use.columnText(0));
         }
+        Use(partStatement(part, kDeleteUnit))
+            .text(1, owner_)
+            .integer(2, static_cast<int64_t>(unit))
+            .integer(3, leaving)
+            .run();
+        Use(partStatement(part, kRestoreUnit))
+            .text(1, owner_)
+            .integer(2, static_cast<int64_t>(unit))
+            .integer(3, becoming)
+            .integer(4, commit ? 0 : 1)
+            .run();
       }
-      Use(statement(kDeleteUnit))
-          .text(1, owner_)
-          .integer(2, static_cast<int64_t>(unit))
-          .integer(3, leaving)
-          .run();
-      Use(statement(kRestoreUnit))
-          .text(1, owner_)
-          .integer(2, static_cast<int64_t>(unit))
-          .integer(3, becoming)
-          .integer(4, commit ? 0 : 1)
-          .run();
     });
     return available;
-  }
-
-  // Ends whatever an owner left: its puts in units vanish, its gets in units
-  // come back (one backout higher), its held messages become available.
-  // Returns the queues on which messages became available.
-  std::vector<std::string> endOwner(const std::string &owner) {
-    std::vector<std::string> queues;
-    transaction([&] {
-      {
-        Use use(statement(kOwnerQueues));
-        use.text(1, owner);
-        while (use.step()) queues.push_back(use.columnText(0));
-      }
-      Use(statement(kDeleteOwner)).text(1, owner).run();
-      Use(statement(kRestoreOwner)).text(1, owner).run();
-    });
-    return queues;
-  }
-
-  // A step is one write transaction, but not for a temporary queue, which
-  // lives in memory only.  A step within a step is part of it; one that is
-  // not kept undoes the outermost.
-  void beginStep(const std::string &queue) override {
-    if (stepDepth_ == 0 && !temporaryQueue(queue)) {
-      Use(statement(kBegin)).run();
-      inStep_ = true;
-    }
-    ++stepDepth_;
-  }
-  void endStep(bool keep) override {
-    if (stepDepth_ == 0) return;
-    stepUndone_ = stepUndone_ || !keep;
-    if (stepDepth_ > 1) {
-      --stepDepth_;
-      return;
-    }
-    if (inStep_) {
-      if (stepUndone_) {
-        rollback();
-      } else {
-        Use(statement(kCommit)).run();  // on failure the step stays open, to be undone
-      }
-    }
-    stepDepth_ = 0;
-    inStep_ = false;
-    stepUndone_ = false;
   }
 
   // Runs `body` in one write transaction: all of it, or nothing.  Within a
   // step it is part of the step's transaction.
   template <typename Body>
   void transaction(Body body) {
-    if (inStep_) {
+    if (stepDepth_ > 0) {
       body();
       return;
     }
@@ -696,13 +934,21 @@ class SqliteStore final : public Store {
     sqlite3_reset(statement);
   }
 
+  void attachCompanion(const std::string &path) {
+    sqlite3_stmt *attach = nullptr;
+    prepare("ATTACH DATABASE ?1 AS v", &attach);
+    sqlite3_bind_text(attach, 1, path.c_str(), -1, SQLITE_TRANSIENT);
+    const int result = sqlite3_step(attach);
+    sqlite3_finalize(attach);
+    if (result != SQLITE_DONE) fail(result);
+  }
+
   // The owner file: <database>.owners/<token>, locked for as long as the
-  // store lives (the system drops the lock when the process dies, however it
-  // dies).  Made under a temporary name and renamed once locked, so that a
-  // file of that name without a lock always means an owner that ended.  A
-  // temporary file is unlocked for a moment after it is made: the making
-  // holds the directory's guard shared, and only a store holding the guard
-  // alone may take such a file for the leftover of a process that died.
+  // store lives.  Made under a temporary name and renamed once locked, so
+  // that a file of that name without a lock always means an owner that
+  // ended.  A temporary file is unlocked for a moment after it is made: the
+  // making holds the directory's guard shared, and only a store holding the
+  // guard alone may take such a file for the leftover of a process that died.
   void lockOwnerFile(const std::string &path) {
     ownersDirectory_ = path + ".owners";
     if (mkdir(ownersDirectory_.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -722,43 +968,41 @@ class SqliteStore final : public Store {
 
   std::string ownerFile(const std::string &owner) const { return ownersDirectory_ + "/" + owner; }
 
-  // True when the owner's file is gone or not locked: its process ended.
-  bool ended(const std::string &owner) const {
-    const int fd = open(ownerFile(owner).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno == ENOENT;
-    const bool free = flock(fd, LOCK_EX | LOCK_NB) == 0;
-    ::close(fd);
-    return free;
-  }
-
-  // The units and held messages of processes that died are ended here, when
-  // a process opens the store, and the files of owners that ended (with
-  // units or without) are removed.
-  void recoverEndedOwners() {
-    std::set<std::string> owners;
-    {
-      Use use(statement(kOwners));
-      while (use.step()) owners.insert(use.columnText(0));
-    }
-    std::set<std::string> files;
+  // The files of owners that ended holding nothing (those that held
+  // something are removed when they are ended), and what a process killed
+  // while it made its file left, when no other is making one.
+  void removeLeftoverOwnerFiles() {
+    std::set<std::string> holding;
+    for (const Owner &owner : owners()) holding.insert(owner.token);
+    std::vector<std::string> files;
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator(ownersDirectory_, error)) {
-      files.insert(entry.path().filename().string());
+      files.push_back(entry.path().filename().string());
     }
-    for (const std::string &owner : owners) {
-      if (owner == owner_ || !ended(owner)) continue;
-      endOwner(owner);
-      unlink(ownerFile(owner).c_str());
-      files.erase(owner);
-    }
-    // The owners that ended without units; and what a process killed while
-    // it made its file left, when no other is making one.
     const Guard guard(ownersDirectory_, LOCK_EX | LOCK_NB);
     for (const std::string &file : files) {
-      if (file == kGuardName || file == owner_) continue;
+      if (file == kGuardName || file == owner_ || holding.contains(file)) continue;
       const bool building = file.ends_with(kBuildingSuffix);
-      if ((!building || guard.held()) && ended(file)) unlink(ownerFile(file).c_str());
+      Owner named;
+      named.token = file;
+      if ((!building || guard.held()) && ownerEnded(named)) unlink(ownerFile(file).c_str());
     }
+  }
+
+  void prepare(const char *sql, sqlite3_stmt **statement) {
+    const int result =
+        sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr);
+    if (result != SQLITE_OK) fail(result);
+  }
+
+  int userVersion() {
+    sqlite3_stmt *query = nullptr;
+    prepare("PRAGMA main.user_version", &query);
+    const int result = sqlite3_step(query);
+    const int version = result == SQLITE_ROW ? sqlite3_column_int(query, 0) : 0;
+    sqlite3_finalize(query);
+    if (result != SQLITE_ROW) fail(result);
+    return version;
   }
 
   void execute(const char *sql) {
@@ -767,11 +1011,18 @@ class SqliteStore final : public Store {
   }
 
   sqlite3_stmt *statement(Sql which) const { return statements_[which]; }
+  sqlite3_stmt *partStatement(Part part, PartSql which) const { return parts_[part][which]; }
 
   void close() {
     for (sqlite3_stmt *&s : statements_) {
       sqlite3_finalize(s);
       s = nullptr;
+    }
+    for (auto &part : parts_) {
+      for (sqlite3_stmt *&s : part) {
+        sqlite3_finalize(s);
+        s = nullptr;
+      }
     }
     if (db_ != nullptr) sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -782,43 +1033,23 @@ class SqliteStore final : public Store {
     }
   }
 
+  Owner self_;
   const std::string owner_;
   sqlite3 *db_ = nullptr;
   sqlite3_stmt *statements_[kStatements] = {};
+  sqlite3_stmt *parts_[kParts][kPartStatements] = {};
   std::string ownersDirectory_;
   int ownerFd_ = -1;
-  int stepDepth_ = 0;        // steps begun and not ended
-  bool inStep_ = false;      // the outermost step's transaction is open
-  bool stepUndone_ = false;  // a step of it was not kept
-  // Temporary dynamic queues, and the non-persistent messages of every queue.
-  std::unique_ptr<Store> memory_;
-  uint64_t localCounter_ = 0;
-  mutable uint64_t highestRow_ = 0;
-  mutable Message current_;  // the message findMessage found last
+  int stepDepth_ = 0;                   // steps begun and not ended
+  bool stepUndone_ = false;             // a step of it was not kept
+  mutable Message candidates_[kParts];  // what findIn found in each part
+  mutable Message current_;             // the message findMessage found last
 };
-
-// Makes the data directory (and its parents) when it is missing: mode 0700.
-void makeDirectories(const std::string &path) {
-  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) throw Failure{RC_STORE_ERROR};
-    if (slash == std::string::npos) return;
-  }
-}
 
 }  // namespace
 
-std::unique_ptr<Store> makeSqliteStore(const std::string &path) {
-  return std::make_unique<SqliteStore>(path);
-}
-
-std::unique_ptr<Store> makeStore(const std::string &qmName) {
-  const char *directory = std::getenv("VXQM_DATA");
-  if (directory == nullptr || directory[0] == 0) return makeMemoryStore();
-  std::string path = directory;
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  makeDirectories(path);
-  return makeSqliteStore(path + "/" + qmName + ".db");
+std::unique_ptr<Store> makeSqliteStore(const SqlitePaths &paths) {
+  return std::make_unique<SqliteStore>(paths);
 }
 
 }  // namespace vxqm

@@ -1,13 +1,29 @@
-// The store of a queue manager: its queue definitions and the messages on its
-// queues.  The queue manager reaches them only through this interface, so
-// that another store (a persistent one) can take the place of the memory
-// store without any change to the entries, the waits or the units of work,
-// which all live above it.
+// The store of a queue manager: everything that every process connected to
+// the queue manager must see.  That is the queue definitions (temporary
+// dynamic queues included), the messages, durable or not, the open handles
+// with their options, and the units of work.  What stays in a process is
+// its connections, its handle objects with their browse cursors, and its
+// waits (queue_manager.h).
 //
-// A store is not thread safe: its queue manager calls it only while holding
-// its own mutex, and never while waiting.  A store may fail: it throws
-// Failure (queue_manager.h) with the reason, after undoing what the call had
-// begun, or std::bad_alloc.
+// The queue manager decides what the store keeps and for how long: which
+// messages are durable, which queues die with the handle that made them,
+// and when an owner has ended and what it held is given back.  A store
+// carries that out and nothing more, so that each store (memory, SQLite,
+// and any other behind this interface) passes the same contract suite.
+//
+// Owners: every handle, every message of a unit of work and every held
+// message belongs to the store that made it, its owner.  A store of one
+// process has one owner, itself.  A store shared by processes names each
+// store that opens it by an owner token, and reports the others through
+// owners(), so that the queue manager can end those that died.
+//
+// Nesting and threads: a store is not thread safe.  Its queue manager calls
+// it only while holding its own mutex, and never while waiting.  A store may
+// fail: it throws Failure (queue_manager.h) with the reason, after undoing
+// what the call had begun, or std::bad_alloc.  Between beginStep and
+// endStep, the calls form one step that other processes see whole or not
+// at all; a step begun within a step is part of the outer one, and a step
+// that is not kept undoes the outermost.
 #ifndef VX_QM_STORE_H
 #define VX_QM_STORE_H
 
@@ -35,7 +51,8 @@ struct Message {
 };
 
 // Where a message stands in its queue's delivery order: higher priorities
-// first, then the order of the puts.  The sequence is unique in the store.
+// first, then the order of the puts.  The sequence is unique in the store,
+// and a message put later (by any owner) has a higher one.
 struct MessageKey {
   int32_t priority = 0;
   uint64_t sequence = 0;
@@ -51,6 +68,11 @@ enum class MessageState : uint8_t {
   kGotInUnit,  // got under syncpoint, invisible, restored if its unit backs out
   kHeld,       // put while a test holds the queue, invisible until released
 };
+
+// How long a message lasts.  A durable message outlives the queue manager's
+// restart; one that is not never costs a write to disk and ends with a
+// restart.
+enum class Durability : uint8_t { kVolatile, kDurable };
 
 // Which messages a get or a browse may take.
 struct Selection {
@@ -70,79 +92,111 @@ struct Found {
   Clock::time_point nextVisible = Clock::time_point::max();
 };
 
+// The open handles of a queue, of every owner.
+struct OpenCounts {
+  int32_t input = 0;    // handles open for input, shared or exclusive
+  int32_t output = 0;   // handles open for output
+  int32_t handles = 0;  // every handle, whatever its options
+  bool exclusiveInput = false;
+};
+
+// An owner of the store other than the caller: its token, and the process
+// that it says it lives in.
+struct Owner {
+  std::string token;
+  std::string host;
+  int32_t pid = 0;
+  int64_t startTime = 0;  // the process's start, in clock ticks after boot
+};
+
 class Store {
  public:
   virtual ~Store() = default;
 
-  // Queue definitions.  saveQueue creates or replaces; deleteQueue removes the
-  // queue and every message on it.  queueNames lists them in name order.
+  // Queue definitions.  A queue's name is unique among every queue.
+  // createQueue adds a queue: with a creator (an open handle of this
+  // owner), the queue is deleted with that handle; saveQueue creates or
+  // replaces a definition, keeping a queue's creator.  deleteQueue removes
+  // the queue, every message on it and every handle open on it.
+  // queueNames lists every queue in name order.
   virtual bool findQueue(const std::string &name, QueueDefinition *definition) const = 0;
+  virtual void createQueue(const QueueDefinition &definition, int64_t creator) = 0;
   virtual void saveQueue(const QueueDefinition &definition) = 0;
   virtual void deleteQueue(const std::string &name) = 0;
   virtual std::vector<std::string> queueNames() const = 0;
 
+  // Open handles, each with the options of its open, owned by this store.
+  // addHandle returns a handle number that is never given again;
+  // removeHandle of a handle that is gone (its queue was deleted) does
+  // nothing.  queuesCreatedBy names the queues created with that handle.
+  virtual int64_t addHandle(const std::string &queue, int32_t options) = 0;
+  virtual void removeHandle(int64_t handle) = 0;
+  virtual bool handleExists(int64_t handle) const = 0;
+  virtual std::vector<std::string> queuesCreatedBy(int64_t handle) const = 0;
+  virtual OpenCounts openCounts(const std::string &queue) const = 0;
+
   // Messages of an existing queue.  depth counts every message, whatever its
   // state.  unit is the unit of work of a message put under syncpoint, else 0.
   virtual int32_t depth(const std::string &queue) const = 0;
-  virtual MessageKey addMessage(const std::string &queue, Message message, MessageState state,
-                                uint64_t unit) = 0;
+  virtual MessageKey addMessage(const std::string &queue, Message message, Durability durability,
+                                MessageState state, uint64_t unit) = 0;
   // The first available message in delivery order that matches and is
   // visible and not expired at `now`.
   virtual Found findMessage(const std::string &queue, const Selection &selection,
                             Clock::time_point now) const = 0;
-  // Both return false when the message is no longer available: a store
-  // shared with other processes may have seen it taken by one of them since
-  // it was found, and the get must look again.
+  // Both return false when the message is no longer available: another
+  // owner may have taken it since it was found, and the get must look again.
   virtual bool removeMessage(const std::string &queue, const MessageKey &key) = 0;
   // An available message got under syncpoint: invisible until its unit ends.
   virtual bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
-  // Removes the messages expired at `now`; returns how many.
+  // Removes the messages expired at `now` (not those got in a unit); returns
+  // how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;
   virtual void clearQueue(const std::string &queue) = 0;
-  // Makes held messages available; returns how many.
+  // Makes this owner's held messages available; returns how many.
   virtual int32_t releaseHeld(const std::string &queue) = 0;
 
-  // Units of work.  Commit makes the unit's puts available and removes its
-  // gets; backout removes its puts and makes its gets available again, each
-  // with its backout count one higher.  Both return the names of the queues
-  // on which messages became available.  Messages whose queue was deleted
-  // meanwhile are gone and are skipped.
+  // Units of work of this owner.  Commit makes the unit's puts available and
+  // removes its gets; backout removes its puts and makes its gets available
+  // again, each with its backout count one higher.  Both return the names of
+  // the queues on which messages became available.  Messages whose queue was
+  // deleted meanwhile are gone and are skipped.
   virtual std::vector<std::string> commit(uint64_t unit) = 0;
   virtual std::vector<std::string> backout(uint64_t unit) = 0;
 
-  // Makes what follows, up to endStep, one step that other processes see
-  // whole or not at all: a put's reads of its queue's definition and depth
-  // with the put itself, so that no other process's put comes between them.
-  // A store of one process has nothing to do.
-  virtual void beginStep(const std::string & /*queue*/) {}
-  // Ends the step: keeps what it did, or (keep false, after a failure)
-  // undoes it.  Throws only when keeping fails; the step must then still be
-  // ended with keep false.
-  virtual void endStep(bool /*keep*/) {}
+  // The other owners that hold something in the store.
+  virtual std::vector<Owner> owners() const = 0;
+  // True when the owner has certainly ended, whatever process it named (a
+  // store may know, for example from a lock the owner held).
+  virtual bool ownerEnded(const Owner &owner) const = 0;
+  // Gives back everything an ended owner held: its handles close, the
+  // queues created with them are deleted, its units back out and its held
+  // messages become available.  Returns the queues on which messages
+  // became available.
+  virtual std::vector<std::string> endOwner(const Owner &owner) = 0;
 
-  // True when other processes change the store too: they cannot signal this
-  // process's waiting gets, which then look again every kSharedPollInterval.
-  virtual bool shared() const { return false; }
+  // Steps (see the top of this file).  endStep keeps what the step did, or
+  // (keep false, after a failure) undoes it.  It throws only when keeping
+  // fails; the step must then still be ended with keep false.
+  virtual void beginStep() = 0;
+  virtual void endStep(bool keep) = 0;
 };
 
-constexpr std::chrono::milliseconds kSharedPollInterval{10};
-
-// A store that keeps everything in memory, for the life of its queue manager.
-// A sequence source, when given, numbers the messages (it must only grow).
+// A store that keeps everything in memory, for the life of its queue manager
+// and its one process.
 std::unique_ptr<Store> makeMemoryStore();
-std::unique_ptr<Store> makeMemoryStore(uint64_t (*nextSequence)(void *context), void *context);
 
-// The store of a queue manager with a data directory: definitions and
-// persistent messages in the SQLite database `path`, shared with the other
-// processes that open it; non-persistent messages and temporary dynamic
-// queues in memory, for this process alone (docs/persistence.md).  Throws
-// Failure when the database cannot be opened.
-std::unique_ptr<Store> makeSqliteStore(const std::string &path);
+// Where a SQLite store keeps things: durable ones in `database`, on disk;
+// volatile ones (messages that are not durable, handles, temporary queues,
+// owners) in `companion`, on storage in memory.
+struct SqlitePaths {
+  std::string database;
+  std::string companion;
+};
 
-// The store of a new queue manager: a SQLite store in the directory named by
-// the environment variable VXQM_DATA (`<dir>/<qmName>.db`), else a memory
-// store.
-std::unique_ptr<Store> makeStore(const std::string &qmName);
+// The SQLite store, shared by every process that opens the same files
+// (docs/persistence.md).  Throws Failure when they cannot be opened.
+std::unique_ptr<Store> makeSqliteStore(const SqlitePaths &paths);
 
 }  // namespace vxqm
 

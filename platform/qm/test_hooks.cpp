@@ -164,13 +164,21 @@ int32_t delayMessages(const std::string &qmName, const std::string &queue, int32
   });
 }
 
-void reset(const std::string &qmName) {
-  guarded([&] { Registry::instance().reset(queueManagerName(qmName)); });
+namespace {
+
+void restartOrReset(const std::string &qmName, bool emptyMemory) {
+  guarded([&] { Registry::instance().reset(queueManagerName(qmName), emptyMemory); });
   Scripts &all = scripts();
   std::lock_guard<std::mutex> lock(all.mutex);
   all.entries = {};
   rearm(all);
 }
+
+}  // namespace
+
+void reset(const std::string &qmName) { restartOrReset(qmName, false); }
+
+void restart(const std::string &qmName) { restartOrReset(qmName, true); }
 
 int32_t queueCount(const std::string &qmName) {
   return counted(qmName, [](QueueManager &manager) { return manager.queueCount(); });

@@ -14,6 +14,15 @@
 //   qm_peer QM unit QUEUE                   gets a message and puts "unit"
 //                                           under syncpoint, writes "ready"
 //                                           and waits to be killed
+//   qm_peer QM hold QUEUE OPTIONS           opens QUEUE with OPTIONS (a
+//                                           number) and a temporary queue
+//                                           from the default model, writes
+//                                           "ready <its name>", waits to be
+//                                           killed
+//   qm_peer QM open QUEUE OPTIONS           opens QUEUE with OPTIONS, writes
+//                                           the reason (0: opened), closes
+//   qm_peer QM mixed QUEUE COUNT PREFIX     puts COUNT messages PREFIX<i>,
+//                                           persistent and not in turn
 //
 // Exit status: 0 done, 2 bad arguments, 3 a call failed (its reason on
 // standard error).
@@ -45,14 +54,25 @@ void field(char *target, size_t length, const std::string &value) {
   std::exit(3);
 }
 
-int32_t openQueue(const std::string &queue, int32_t options) {
+// Opens a queue; the name it has (a model's makes a new one) in *opened.
+int32_t tryOpen(const std::string &queue, int32_t options, int32_t *reason,
+                std::string *opened = nullptr) {
   vxOBJDESC od = OD_DEFAULT;
   field(od.objectName, sizeof od.objectName, queue);
   int32_t hobj = 0;
   int32_t cc = 0;
+  qmOPEN(hconn, &od, options, &hobj, &cc, reason);
+  if (opened != nullptr) {
+    opened->assign(od.objectName, sizeof od.objectName);
+    opened->erase(opened->find_last_not_of(' ') + 1);
+  }
+  return hobj;
+}
+
+int32_t openQueue(const std::string &queue, int32_t options, std::string *opened = nullptr) {
   int32_t rc = 0;
-  qmOPEN(hconn, &od, options, &hobj, &cc, &rc);
-  if (cc != CC_OK) failed("qmOPEN", rc);
+  const int32_t hobj = tryOpen(queue, options, &rc, opened);
+  if (rc != RC_NONE) failed("qmOPEN", rc);
   return hobj;
 }
 
@@ -129,6 +149,25 @@ int main(int argc, char **argv) {
     std::printf("ready\n");
     std::fflush(stdout);
     for (;;) pause();
+  } else if (command == "hold" && argc >= 5) {
+    openQueue(queue, std::atoi(argv[4]));
+    std::string temporary;
+    openQueue("SYSTEM.DEFAULT.MODEL.QUEUE", OPEN_INPUT_EXCLUSIVE, &temporary);
+    std::printf("ready %s\n", temporary.c_str());
+    std::fflush(stdout);
+    for (;;) pause();
+  } else if (command == "open" && argc >= 5) {
+    int32_t reason = 0;
+    int32_t hobj = tryOpen(queue, std::atoi(argv[4]), &reason);
+    std::printf("%" PRId32 "\n", reason);
+    if (reason == RC_NONE) qmCLOSE(hconn, &hobj, CLOSE_NONE, &cc, &rc);
+  } else if (command == "mixed" && argc >= 6) {
+    const long count = std::atol(argv[4]);
+    const int32_t hobj = openQueue(queue, OPEN_OUTPUT);
+    for (long i = 0; i < count; ++i) {
+      put(hobj, argv[5] + std::to_string(i),
+          i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT, PUT_NO_SYNCPOINT);
+    }
   } else {
     return 2;
   }

@@ -1079,10 +1079,17 @@ TEST_F(QmInquire, TooFewIntegersOrCharactersReturnWhatFits) {
   EXPECT_EQ(ints[0], 5000);
   EXPECT_EQ(ints[1], -1);
   EXPECT_EQ(field(chars, Q_NAME_LENGTH), kLocal);
-  EXPECT_EQ(std::string(chars + Q_NAME_LENGTH, 10), std::string(10, '#'));
+  // The description does not fit: its first 10 characters (blanks) fill the rest.
+  EXPECT_EQ(std::string(chars + Q_NAME_LENGTH, 10), std::string(10, ' '));
   qmINQ(c.hconn(), hobj, 4, selectors, 2, ints, sizeof chars, chars, &s.compCode, &s.reason);
   EXPECT_EQ(s, warning(RC_CHAR_ATTRS_TOO_SHORT));
   EXPECT_EQ(ints[1], 4194304);
+  // Room for 10 characters shows the first 10 of the name, and nothing after.
+  std::memset(chars, '#', sizeof chars);
+  qmINQ(c.hconn(), hobj, 2, selectors, 1, ints, 10, chars, &s.compCode, &s.reason);
+  EXPECT_EQ(s, warning(RC_CHAR_ATTRS_TOO_SHORT));
+  EXPECT_EQ(std::string(chars, 10), std::string(kLocal).substr(0, 10));
+  EXPECT_EQ(chars[10], '#');
   qmINQ(c.hconn(), hobj, 0, nullptr, 0, nullptr, 0, nullptr, &s.compCode, &s.reason);
   EXPECT_EQ(s, ok());
 }

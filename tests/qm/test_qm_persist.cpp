@@ -106,13 +106,14 @@ class QmPersist : public ::testing::Test {
     vxqm::test::reset(kQm);  // a queue manager left by another test reads it again
   }
   void TearDown() override {
-    vxqm::test::reset(kQm);
+    vxqm::test::restart(kQm);  // leaves nothing in memory
     unsetenv("VXQM_DATA");
     vxqm::test::reset(kQm);  // back in memory: the files can go
     std::filesystem::remove_all(directory_);
   }
-  // Drops the queue manager of the process and opens it again.
-  void restart() { vxqm::test::reset(kQm); }
+  // Ends the queue manager as a restart of the machine does, and opens it
+  // again.
+  void restart() { vxqm::test::restart(kQm); }
 
   void createQueue(const std::string &name, int32_t persistence = 0) {
     vxqm::QueueChanges changes;
@@ -222,18 +223,16 @@ TEST_F(QmPersist, AnOpenUnitOfWorkEndsWithItsQueueManager) {
   EXPECT_EQ(again.get(in, &data), failed(RC_NO_MSG_AVAILABLE));
 }
 
-TEST_F(QmPersist, NonPersistentMessagesAreNotSeenByAnotherProcess) {
+TEST_F(QmPersist, NonPersistentMessagesMoveBetweenProcesses) {
   createQueue("MIXED");
   Connection c(kQm);
   int32_t hobj = c.open("MIXED", OPEN_OUTPUT | OPEN_INPUT_SHARED);
   EXPECT_EQ(putPersistence(c, hobj, "np", PERSISTENCE_NOT_PERSISTENT), ok());
   EXPECT_EQ(putPersistence(c, hobj, "p", PERSISTENCE_PERSISTENT), ok());
   Peer peer({"drain", "MIXED", "100"});
-  EXPECT_EQ(peer.lines(), (std::vector<std::string>{"p"}));
+  EXPECT_EQ(peer.lines(), (std::vector<std::string>{"np", "p"}));
   EXPECT_EQ(peer.wait(), 0);
   std::string data;
-  EXPECT_EQ(c.get(hobj, &data), ok());
-  EXPECT_EQ(data, "np");
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));
 }
 

@@ -1,6 +1,7 @@
 #!/bin/sh
 # vxadmin processes over one data directory share one queue manager: what
-# one process defines or puts, the ones after it see; and two processes
+# one process defines or puts, persistent or not, the ones after it see; and
+# two processes
 # moving 10,000 messages between them at the same time lose and duplicate
 # none.
 #
@@ -21,18 +22,18 @@ echo "== one process after another"
 vx create queue SEQ.A --max-depth 50 --description "made by the first process" > /dev/null
 vx put SEQ.A first > /dev/null
 vx put SEQ.A second > /dev/null
-# A non-persistent message lives only in the process that put it.
-vx put SEQ.A --non-persistent gone > /dev/null
+# A non-persistent message outlives the process that put it.
+vx put SEQ.A --non-persistent third > /dev/null
 vx change queue SEQ.A --max-depth 60 > /dev/null
 vx copy queue SEQ.A SEQ.B > /dev/null
 vx show queue SEQ.A --json > "$work/show"
 grep -q '"q_desc": "made by the first process"' "$work/show" || fail "description lost"
 [ "$(json_number "$work/show" max_q_depth)" = 60 ] || fail "changed maximum depth lost"
-[ "$(json_number "$work/show" current_depth)" = 2 ] || fail "depth not 2: $(cat "$work/show")"
+[ "$(json_number "$work/show" current_depth)" = 3 ] || fail "depth not 3: $(cat "$work/show")"
 vx show queue SEQ.B --json > "$work/copy"
 [ "$(json_number "$work/copy" max_q_depth)" = 60 ] || fail "copy does not carry the changed depth"
-vx get SEQ.A --count 2 > "$work/got"
-printf 'first\nsecond\n' | cmp -s - "$work/got" || fail "got, in order: $(cat "$work/got")"
+vx get SEQ.A --count 3 > "$work/got"
+printf 'first\nsecond\nthird\n' | cmp -s - "$work/got" || fail "got, in order: $(cat "$work/got")"
 vx status 'SEQ.*' --json > "$work/status"
 [ "$(json_number "$work/status" current_depth)" = 0 ] || fail "messages got are still there"
 vx delete queue SEQ.A > /dev/null

@@ -1,0 +1,37 @@
+// Where a queue manager lives, chosen when it is made in a process.
+//
+// When the environment variable VXQM_DATA names a directory, the queue
+// manager is shared by every process that names the same directory: its
+// store is the SQLite store, with the database `<dir>/<qmName>.db` on disk
+// and its companion in storage in memory, beside the file of wake counts
+// (/dev/shm/vxqm-<hash>-<qmName>.db and .wake, the hash that of the
+// directory's full path; VXQM_MEMORY_DIR names another directory than
+// /dev/shm, and without either the data directory serves).  Otherwise (unset or empty) it lives in
+// the memory of its process, and its waits need nothing shared.
+#ifndef VX_QM_HOME_H
+#define VX_QM_HOME_H
+
+#include <memory>
+#include <string>
+
+#include "store.h"
+#include "waker.h"
+
+namespace vxqm {
+
+struct Home {
+  std::unique_ptr<Store> store;
+  std::unique_ptr<Waker> waker;  // null: the queue manager's waits stay in its process
+};
+
+// Throws Failure (RC_STORE_ERROR) when the directory or its files cannot be
+// used.
+Home openHome(const std::string &qmName);
+
+// Removes what the queue manager keeps in storage in memory, as a restart of
+// the machine does (test hooks).  Nothing to do without a data directory.
+void removeMemoryFiles(const std::string &qmName);
+
+}  // namespace vxqm
+
+#endif  // VX_QM_HOME_H

@@ -1,0 +1,61 @@
+// Process identities: see processes.h.
+#include "processes.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace vxqm {
+namespace {
+
+std::string hostName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return {};
+  return name;
+}
+
+// The start time of a process in clock ticks after boot (the 22nd field of
+// /proc/<pid>/stat), or -1 when there is no such process.
+int64_t startTime(int32_t pid) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  std::FILE *file = std::fopen(path, "re");
+  if (file == nullptr) return -1;
+  char line[1024];
+  const size_t length = std::fread(line, 1, sizeof line - 1, file);
+  std::fclose(file);
+  line[length] = 0;
+  // The command name (field 2) may hold blanks and parentheses: count the
+  // fields after its last closing parenthesis.
+  const char *field = std::strrchr(line, ')');
+  if (field == nullptr) return -1;
+  for (int number = 2; number < 22 && field != nullptr; ++number)
+    field = std::strchr(field + 1, ' ');
+  if (field == nullptr) return -1;
+  long long ticks = -1;
+  if (std::sscanf(field + 1, "%lld", &ticks) != 1) return -1;
+  return ticks;
+}
+
+}  // namespace
+
+Owner thisProcess() {
+  Owner self;
+  self.host = hostName();
+  self.pid = static_cast<int32_t>(getpid());
+  self.startTime = startTime(self.pid);
+  return self;
+}
+
+bool processEnded(const Owner &owner) {
+  static const std::string host = hostName();
+  // Without /proc nothing can be told: better a queue left in use than the
+  // handles of a live process taken away.
+  static const bool canTell = startTime(static_cast<int32_t>(getpid())) >= 0;
+  if (!canTell || owner.host.empty() || owner.host != host || owner.pid <= 0) return false;
+  return startTime(owner.pid) != owner.startTime;
+}
+
+}  // namespace vxqm

@@ -1,0 +1,22 @@
+// The processes that own things in a shared store: who this process is, and
+// whether the process an owner names is still there.  A process is named by
+// its host, its pid and its start time, so that a pid the system gave again
+// to a new process is never taken for the one that ended.
+#ifndef VX_QM_PROCESSES_H
+#define VX_QM_PROCESSES_H
+
+#include "store.h"
+
+namespace vxqm {
+
+// This process: host name, pid and start time (token left empty).
+Owner thisProcess();
+
+// True when the owner's process has certainly ended: it names this host, and
+// no process here has its pid and start time.  An owner of another host, or
+// of an unknown one, cannot be checked from here and is not called ended.
+bool processEnded(const Owner &owner);
+
+}  // namespace vxqm
+
+#endif  // VX_QM_PROCESSES_H
