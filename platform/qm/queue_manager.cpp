@@ -2,6 +2,7 @@
 #include "queue_manager.h"
 
 #include <unistd.h>
+#include <valgrind/memcheck.h>
 
 #include <algorithm>
 #include <atomic>
@@ -390,9 +391,7 @@ ObjectHandle QueueManager::openObject(int32_t /*hconn*/, vxOBJDESC &od, int32_t 
   const std::string qmName = readName(od.objectQMgrName, QM_NAME_LENGTH);
   if (!qmName.empty() && qmName != name_) fail(RC_UNKNOWN_OBJECT_Q_MGR);
   // The open, with the queue that a model makes: one step, so that no other
-  // process opens between the check of the open counts and the open.  What
-  // may fail for want of memory comes before the store changes: a store of
-  // one process has nothing to undo a step with.
+  // process opens between the check of the open counts and the open.
   StoreStep step(*store_);
   QueueDefinition queue = definition(name);
   const bool model = queue.queueType == QTYPE_MODEL;
@@ -407,12 +406,7 @@ ObjectHandle QueueManager::openObject(int32_t /*hconn*/, vxOBJDESC &od, int32_t 
     opened.storeHandle = store_->addHandle(name, options);
     // A temporary dynamic queue lives as long as the handle that made it.
     const bool temporary = queue.definitionType == DEFTYPE_TEMPORARY_DYNAMIC;
-    try {
-      store_->createQueue(queue, temporary ? opened.storeHandle : 0);
-    } catch (...) {
-      forgetHandle(opened.storeHandle);
-      throw;
-    }
+    store_->createQueue(queue, temporary ? opened.storeHandle : 0);
   } else {
     opened.storeHandle = openQueue(name, options);
   }
@@ -432,14 +426,6 @@ int64_t QueueManager::openQueue(const std::string &name, int32_t options) {
     if (opens.exclusiveInput || (exclusive && opens.input > 0)) fail(RC_OBJECT_IN_USE);
   }
   return store_->addHandle(name, options);
-}
-
-void QueueManager::forgetHandle(int64_t storeHandle) {
-  try {
-    store_->removeHandle(storeHandle);
-  } catch (...) {
-    // Only a shared store fails here, and its step's undo removes it.
-  }
 }
 
 std::string QueueManager::dynamicQueueName(const std::string &dynamicName) {
@@ -560,6 +546,11 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
 
   Message message;
   message.data.assign(data, data + length);
+  // The bytes are the caller's, kept as they are: what a program left
+  // undefined in its buffer (the padding after a string of a command
+  // message) is defined from here on, for the memory checker, since the
+  // store writes and checksums it.
+  VALGRIND_MAKE_MEM_DEFINED(message.data.data(), message.data.size());
   message.descriptor = md;
   std::memcpy(message.descriptor.structId, MD_STRUC_ID, 4);
   message.descriptor.version = MD_VERSION_2;

@@ -167,8 +167,6 @@ class QueueManager {
   int32_t openHandle(int32_t hconn, Connection &connection, vxOBJDESC &od, int32_t options);
   ObjectHandle openObject(int32_t hconn, vxOBJDESC &od, int32_t options);
   std::string dynamicQueueName(const std::string &dynamicName);
-  // Undoes an addHandle whose open failed after it.
-  void forgetHandle(int64_t storeHandle);
   // Opens a queue for an open handle's options: refused while an exclusive
   // input open holds it, or for an exclusive input while it is open for
   // input.  Returns the store's record of the open.

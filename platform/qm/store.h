@@ -84,8 +84,8 @@ struct Selection {
 // What a search found: the message, its key, and the earliest time a
 // matching message that is not visible yet (a delayed put) becomes visible,
 // or max when there is none.  The message stays valid until the next call
-// that changes the store; the removeMessage or takeInUnit of that message
-// itself leaves it valid until the call after.
+// of the store; the removeMessage or takeInUnit of that message itself
+// leaves it valid until the call after.
 struct Found {
   const Message *message = nullptr;
   MessageKey key;
