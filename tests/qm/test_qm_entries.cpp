@@ -368,6 +368,33 @@ TEST_F(QmClose, TheCreatorsCloseDeletesATemporaryQueueWhateverTheOption) {
   }
 }
 
+TEST_F(QmClose, OnlyTheHandleThatMadeATemporaryQueueDeletesIt) {
+  Connection c;
+  vxOBJDESC od = objectDescriptor(kModel);
+  int32_t creator = c.open(kModel, OPEN_INPUT_EXCLUSIVE, ok(), &od);
+  const std::string name = field(od.objectName, Q_NAME_LENGTH);
+  // A second handle of the same connection, by name, and a one-call put:
+  // their closes leave the queue to the handle that made it.
+  int32_t second = c.open(name, OPEN_OUTPUT);
+  EXPECT_EQ(c.put(second, "first"), ok());
+  EXPECT_EQ(c.close(second), ok());
+  vxOBJDESC byName = objectDescriptor(name);
+  vxMSGDESC md = MD_DEFAULT;
+  vxPUTOPTS pmo = PMO_DEFAULT;
+  char text[] = "second";
+  Status s;
+  qmPUT1(c.hconn(), &byName, &md, &pmo, 6, text, &s.compCode, &s.reason);
+  EXPECT_EQ(s, ok());
+  EXPECT_EQ(vxqm::test::temporaryQueueCount("QM1"), 1);
+  EXPECT_EQ(vxqm::test::messageCount("QM1", name), 2);
+  std::string data;
+  EXPECT_EQ(c.get(creator, &data), ok());
+  EXPECT_EQ(data, "first");
+  EXPECT_EQ(c.close(creator), ok());
+  EXPECT_EQ(vxqm::test::temporaryQueueCount("QM1"), 0);
+  EXPECT_EQ(vxqm::test::messageCount("QM1", name), -1);
+}
+
 TEST_F(QmClose, DeleteOptionsOnAPermanentDynamicQueue) {
   vxqm::QueueChanges model;
   model.queueType = QTYPE_MODEL;

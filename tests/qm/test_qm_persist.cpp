@@ -139,6 +139,24 @@ class QmPersist : public ::testing::Test {
     return got;
   }
 
+  // Every expected message was got exactly once, and nothing else.
+  static void expectEachOnce(const std::vector<std::string> &got,
+                             const std::set<std::string> &expected) {
+    std::multiset<std::string> counted(got.begin(), got.end());
+    EXPECT_EQ(counted.size(), expected.size()) << "a message was lost or delivered twice";
+    std::string missing;  // what was not delivered exactly once
+    for (const std::string &message : expected) {
+      if (counted.count(message) != 1) {
+        missing += " " + message + " (" + std::to_string(counted.count(message)) + " times)";
+      }
+    }
+    std::string unexpected;
+    for (const std::string &message : counted) {
+      if (expected.count(message) == 0) unexpected += " [" + message + "]";
+    }
+    EXPECT_EQ(missing, "") << "not delivered once; others:" << unexpected;
+  }
+
   std::string directory_;
 };
 
@@ -313,24 +331,123 @@ TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
   const std::vector<std::string> left = drain("SHARED");
   got.insert(got.end(), more.begin(), more.end());
   got.insert(got.end(), left.begin(), left.end());
-  std::multiset<std::string> counted(got.begin(), got.end());
   std::set<std::string> expected;
   for (int i = 0; i < kEach; ++i) {
     expected.insert("A" + std::to_string(i));
     expected.insert("B" + std::to_string(i));
   }
-  EXPECT_EQ(counted.size(), expected.size()) << "a message was lost or delivered twice";
-  std::string missing;  // what was not delivered exactly once
-  for (const std::string &message : expected) {
-    if (counted.count(message) != 1) {
-      missing += " " + message + " (" + std::to_string(counted.count(message)) + " times)";
-    }
+  expectEachOnce(got, expected);
+}
+
+TEST_F(QmPersist, FourProcessesPutAndGet10000MixedMessagesEachOnce) {
+  createQueue("MIXED.LOAD");
+  constexpr int kEach = 10000;
+  // Four processes put, persistent and not in turn, while four take
+  // whatever comes; the test takes what is left.
+  std::vector<std::unique_ptr<Peer>> putters;
+  std::vector<std::unique_ptr<Peer>> getters;
+  for (const char *prefix : {"A", "B", "C", "D"}) {
+    putters.push_back(std::make_unique<Peer>(
+        std::vector<std::string>{"mixed", "MIXED.LOAD", std::to_string(kEach), prefix}));
+    getters.push_back(
+        std::make_unique<Peer>(std::vector<std::string>{"drain", "MIXED.LOAD", "2000"}));
   }
-  std::string unexpected;
-  for (const std::string &message : counted) {
-    if (expected.count(message) == 0) unexpected += " [" + message + "]";
+  for (auto &putter : putters) EXPECT_EQ(putter->wait(), 0);
+  std::vector<std::string> got;
+  for (auto &getter : getters) {
+    const std::vector<std::string> lines = getter->lines();
+    got.insert(got.end(), lines.begin(), lines.end());
+    EXPECT_EQ(getter->wait(), 0);
   }
-  EXPECT_EQ(missing, "") << "not delivered once; others:" << unexpected;
+  const std::vector<std::string> left = drain("MIXED.LOAD");
+  got.insert(got.end(), left.begin(), left.end());
+  std::set<std::string> expected;
+  for (const char *prefix : {"A", "B", "C", "D"}) {
+    for (int i = 0; i < kEach; ++i) expected.insert(prefix + std::to_string(i));
+  }
+  expectEachOnce(got, expected);
+}
+
+TEST_F(QmPersist, OpenCountsAndExclusiveInputCountEveryProcess) {
+  createQueue("OPENS");
+  Peer holder({"hold", "OPENS", std::to_string(OPEN_INPUT_EXCLUSIVE | OPEN_OUTPUT)});
+  std::string line;
+  ASSERT_TRUE(holder.line(&line));
+  ASSERT_EQ(line.rfind("ready ", 0), 0u) << line;
+  vxqm::QueueStatus status;
+  ASSERT_EQ(vxqm::admin::queueStatus(kQm, "OPENS", &status), RC_NONE);
+  EXPECT_EQ(status.openInputCount, 1);
+  EXPECT_EQ(status.openOutputCount, 1);
+  // The exclusive open of the other process holds the queue against every
+  // input open of this one, shared or not, and against a delete.
+  Connection c(kQm);
+  c.open("OPENS", OPEN_INPUT_SHARED, failed(RC_OBJECT_IN_USE));
+  c.open("OPENS", OPEN_INPUT_EXCLUSIVE, failed(RC_OBJECT_IN_USE));
+  EXPECT_EQ(vxqm::admin::deleteQueue(kQm, "OPENS", true), RC_OBJECT_IN_USE);
+  EXPECT_EQ(vxqm::admin::clearQueue(kQm, "OPENS"), RC_OBJECT_IN_USE);
+  // The inquiry of a handle counts the other process's opens too.
+  int32_t inquiry = c.open("OPENS", OPEN_INQUIRE);
+  int32_t selectors[] = {ATTR_OPEN_INPUT_COUNT, ATTR_OPEN_OUTPUT_COUNT};
+  int32_t counts[2] = {};
+  Status s;
+  qmINQ(c.hconn(), inquiry, 2, selectors, 2, counts, 0, nullptr, &s.compCode, &s.reason);
+  EXPECT_EQ(s, ok());
+  EXPECT_EQ(counts[0], 1);
+  EXPECT_EQ(counts[1], 1);
+  // Another process is refused as well; once the holder is killed, this
+  // process's own open holds the queue against an exclusive one.
+  {
+    Peer asker({"open", "OPENS", std::to_string(OPEN_INPUT_SHARED)});
+    EXPECT_EQ(asker.lines(), (std::vector<std::string>{std::to_string(RC_OBJECT_IN_USE)}));
+  }
+  holder.kill9();
+  int32_t shared = c.open("OPENS", OPEN_INPUT_SHARED);
+  Peer exclusive({"open", "OPENS", std::to_string(OPEN_INPUT_EXCLUSIVE)});
+  EXPECT_EQ(exclusive.lines(), (std::vector<std::string>{std::to_string(RC_OBJECT_IN_USE)}));
+  EXPECT_EQ(c.close(shared), ok());
+  Peer again({"open", "OPENS", std::to_string(OPEN_INPUT_EXCLUSIVE)});
+  EXPECT_EQ(again.lines(), (std::vector<std::string>{"0"}));
+}
+
+TEST_F(QmPersist, AKilledProcessGivesBackItsHandlesTemporaryQueueAndUnit) {
+  createQueue("HELD");
+  {
+    Connection c(kQm);
+    int32_t hobj = c.open("HELD", OPEN_OUTPUT);
+    EXPECT_EQ(putPersistence(c, hobj, "taken", PERSISTENCE_PERSISTENT), ok());
+    EXPECT_EQ(putPersistence(c, hobj, "taken too", PERSISTENCE_NOT_PERSISTENT), ok());
+  }
+  Peer unit({"unit", "HELD"});
+  std::string line;
+  ASSERT_TRUE(unit.line(&line));
+  EXPECT_EQ(line, "ready");
+  Peer temporary({"hold", "SYSTEM.DEFAULT.LOCAL.QUEUE", std::to_string(OPEN_OUTPUT)});
+  ASSERT_TRUE(temporary.line(&line));
+  ASSERT_EQ(line.rfind("ready ", 0), 0u) << line;
+  const std::string temporaryName = line.substr(6);
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 1);
+  vxqm::QueueStatus status;
+  ASSERT_EQ(vxqm::admin::queueStatus(kQm, "HELD", &status), RC_NONE);
+  EXPECT_EQ(status.openInputCount, 1);
+  EXPECT_EQ(status.depth, 3);  // its get and its put, in its unit, and the other
+  unit.kill9();
+  temporary.kill9();
+  // No restart: the next look of any process ends what the dead ones held.
+  ASSERT_EQ(vxqm::admin::queueStatus(kQm, "HELD", &status), RC_NONE);
+  EXPECT_EQ(status.openInputCount, 0);
+  EXPECT_EQ(status.depth, 2);
+  EXPECT_EQ(vxqm::admin::queueStatus(kQm, temporaryName, &status), RC_UNKNOWN_OBJECT_NAME);
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 0);
+  Connection c(kQm);
+  int32_t hobj = c.open("HELD", OPEN_INPUT_EXCLUSIVE);
+  vxMSGDESC md = MD_DEFAULT;
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data, 0, 0, &md), ok());
+  EXPECT_EQ(data, "taken");
+  EXPECT_EQ(md.backoutCount, 1);
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "taken too");
+  EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // its put vanished
 }
 
 TEST_F(QmPersist, ProcessesOpeningTheStoreAtOnceAllConnect) {
