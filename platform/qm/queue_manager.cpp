@@ -617,6 +617,7 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
           : Clock::time_point::max();
 
   bool waited = false;
+  bool ownersChecked = false;
   for (;;) {
     // Looked up again after every wake-up: a close or a disconnect ends the wait.
     Connection &c = connection(hconn);
@@ -634,6 +635,13 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const Found found = store_->findMessage(h.queueName, selection, now);
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
+      if (!ownersChecked) {
+        // Before it sleeps, a get gives back what processes that died
+        // held: a message got in a dead process's unit comes back.
+        ownersChecked = true;
+        endEndedOwners();
+        continue;
+      }
       const Clock::time_point wakeAt = std::min(deadline, found.nextVisible);
       ++h.waitingGets;
       waited = true;

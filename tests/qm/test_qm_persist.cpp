@@ -450,6 +450,23 @@ TEST_F(QmPersist, AKilledProcessGivesBackItsHandlesTemporaryQueueAndUnit) {
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // its put vanished
 }
 
+TEST_F(QmPersist, AGetThatWouldWaitTakesBackWhatADeadProcessGot) {
+  createQueue("BACK");
+  Connection c(kQm);
+  int32_t hobj = c.open("BACK", OPEN_OUTPUT | OPEN_INPUT_SHARED);
+  EXPECT_EQ(putPersistence(c, hobj, "taken", PERSISTENCE_PERSISTENT), ok());
+  Peer peer({"unit", "BACK"});
+  std::string line;
+  ASSERT_TRUE(peer.line(&line));
+  EXPECT_EQ(line, "ready");
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // in the peer's unit
+  peer.kill9();
+  // The handle was opened before the kill: only the get looks at the owners.
+  EXPECT_EQ(c.get(hobj, &data, GET_WAIT, 5000), ok());
+  EXPECT_EQ(data, "taken");
+}
+
 TEST_F(QmPersist, ProcessesOpeningTheStoreAtOnceAllConnect) {
   // Each opening process makes its owner file and clears the files of
   // owners that ended, while the others make theirs.
