@@ -126,6 +126,11 @@ int main(int argc, char **argv) {
   char pattern[] = "/tmp/vxqm-bench-XXXXXX";
   check(mkdtemp(pattern) != nullptr, "mkdtemp");
   const std::string directory = pattern;
+  // The companion in memory goes in a folder of the run, removed with it.
+  char memoryPattern[] = "/dev/shm/vxqm-bench-XXXXXX";
+  check(mkdtemp(memoryPattern) != nullptr, "mkdtemp");
+  const std::string memoryDirectory = memoryPattern;
+  setenv("VXQM_MEMORY_DIR", memoryDirectory.c_str(), 1);
 
   setenv("VXQM_DATA", directory.c_str(), 1);
   const Rates persistent = throughQueueManager("BENCH.SQLITE", count);
@@ -133,6 +138,7 @@ int main(int argc, char **argv) {
   const Rates memory = throughQueueManager("BENCH.MEMORY", count);
   const double plain = plainInserts(directory + "/plain.db", count);
   std::filesystem::remove_all(directory);
+  std::filesystem::remove_all(memoryDirectory);
 
   std::printf("%d persistent messages of %d bytes, messages per second\n", count, kMessageLength);
   std::printf("  %-34s put %9.0f   get %9.0f\n", "queue manager, SQLite store", persistent.put,

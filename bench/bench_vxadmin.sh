@@ -1,13 +1,13 @@
 #!/bin/sh
 # Benchmark of vxadmin, run by hand: messages per second of `vxadmin put`
 # then `get` of 256-byte messages, persistent (through the SQLite store),
-# beside non-persistent ones (kept in memory), and beside plain SQLite
-# inserts of the same rows in a transaction each, as bench_store measures
-# them (the limit a persistent put is measured against).  The puts are one
-# `vxadmin shell` process reading one put per line, the gets one
-# `vxadmin get --count`; non-persistent messages live only in the process
-# that put them, so their gets are timed as the difference between a shell
-# that puts them and one that also gets them.
+# beside non-persistent ones (kept in the companion in memory), and beside
+# plain SQLite inserts of the same rows in a transaction each, as
+# bench_store measures them (the limit a persistent put is measured
+# against).  The puts are one `vxadmin shell` process reading one put per
+# line, the gets one `vxadmin get --count`; non-persistent gets are timed as
+# the difference between a shell that puts them and one that also gets
+# them.
 #
 #   sh bench/bench_vxadmin.sh [messages]        (default 10000)
 set -eu
@@ -18,7 +18,10 @@ cmake --build build --target vxadmin bench_store > /dev/null
 vxadmin=./build/tools/vxadmin
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# The queue manager's companion in memory goes with the run too.
+VXQM_MEMORY_DIR=$(mktemp -d /dev/shm/bench_vxadmin.XXXXXX)
+export VXQM_MEMORY_DIR
+trap 'rm -rf "$work" "$VXQM_MEMORY_DIR"' EXIT
 # 256 bytes a message: a number of 8 digits, then 248 x.
 padding=$(printf '%248s' '' | tr ' ' x)
 i=1

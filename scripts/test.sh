@@ -21,11 +21,6 @@ cd "$(dirname "$0")/.."
 sh scripts/setup.sh --i386
 
 jobs=$(nproc)
-# What the tests' queue managers keep in memory goes to a folder of this run,
-# not to the machine's /dev/shm, and goes with it.
-VXQM_MEMORY_DIR=$(mktemp -d /dev/shm/vxqm-test-run.XXXXXX 2> /dev/null || mktemp -d)
-export VXQM_MEMORY_DIR
-trap 'rm -rf "$VXQM_MEMORY_DIR"' EXIT
 # Test programs that hold suites named "...Threads".
 threaded="test_qm_threads test_qm_convert test_command_server"
 

@@ -6,8 +6,7 @@
 //   definitions and the durable messages.
 // - The companion database ("v", on storage in memory) holds what does not:
 //   messages that are not durable, temporary dynamic queues, open handles,
-//   the owners that hold them, and the counter that numbers every message.
-//   Its writes never reach a disk.
+//   and the owners that hold them.  Its writes never reach a disk.
 //
 // Like every store it is guarded by its queue manager's mutex: one database
 // connection per store, with the companion attached to it, used by one
@@ -19,10 +18,14 @@
 // token and the unit number in their rows, and other owners skip them until
 // the unit ends.
 //
-// Sequences: every message, in either database, takes the next value of the
-// companion's counter, so the delivery order is the order of the puts of
-// every process.  A key's sequence is that value shifted left by one, its
-// low bit telling which database holds the message.
+// Sequences: every message, in either database, takes a sequence above
+// every one that either database ever gave (each keeps its highest, as
+// AUTOINCREMENT does), in the put's write transaction, so the delivery
+// order is the order of the puts of every process, and a sequence is never
+// given again while a process may hold it.  A persistent put reads the
+// companion but writes only to the disk.  A key's sequence is the row's
+// shifted left by one, its low bit telling which database holds the
+// message.
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
@@ -58,16 +61,17 @@ constexpr const char *kPartSchema[kParts] = {"main", "v"};
 
 // The schema of the database on disk.  The depth of each queue is kept by
 // triggers, in the same transaction as the change, so that a put need not
-// count the queue.  A message's sequence is never given again: a process
-// that found a message removes it by its sequence, and must not remove a
-// newer message in its place when another process took the one it found.
+// count the queue.  A message's sequence is never given again
+// (AUTOINCREMENT): a process that found a message removes it by its
+// sequence, and must not remove a newer message in its place when another
+// process took the one it found.
 constexpr const char *kDurableSchema = R"sql(
 CREATE TABLE IF NOT EXISTS main.queues (
   name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
   persistence INTEGER, priority INTEGER, inhibit_get INTEGER, inhibit_put INTEGER,
   max_length INTEGER, max_depth INTEGER);
 CREATE TABLE IF NOT EXISTS main.messages (
-  seq INTEGER PRIMARY KEY, queue TEXT NOT NULL, priority INTEGER NOT NULL,
+  seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, priority INTEGER NOT NULL,
   state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
   msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
   expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
@@ -93,8 +97,8 @@ constexpr const char *kCountDepths =
     " PRAGMA main.user_version = 2;";
 
 // The companion's schema: the same messages and depths, the temporary
-// queues with the handle that created each, the open handles, the owners
-// and the message counter.  A handle number is never given again either.
+// queues with the handle that created each, the open handles and the
+// owners.  A handle number is never given again either.
 constexpr const char *kVolatileSchema = R"sql(
 CREATE TABLE IF NOT EXISTS v.queues (
   name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
@@ -102,7 +106,7 @@ CREATE TABLE IF NOT EXISTS v.queues (
   max_length INTEGER, max_depth INTEGER, creator INTEGER NOT NULL);
 CREATE INDEX IF NOT EXISTS v.queues_creator ON queues (creator);
 CREATE TABLE IF NOT EXISTS v.messages (
-  seq INTEGER PRIMARY KEY, queue TEXT NOT NULL, priority INTEGER NOT NULL,
+  seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, priority INTEGER NOT NULL,
   state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
   msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
   expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
@@ -123,9 +127,6 @@ CREATE INDEX IF NOT EXISTS v.handles_queue ON handles (queue);
 CREATE INDEX IF NOT EXISTS v.handles_owner ON handles (owner);
 CREATE TABLE IF NOT EXISTS v.owners (
   token TEXT PRIMARY KEY, host TEXT NOT NULL, pid INTEGER NOT NULL, start_time INTEGER NOT NULL);
-CREATE TABLE IF NOT EXISTS v.counters (name TEXT PRIMARY KEY, value INTEGER NOT NULL);
-INSERT OR IGNORE INTO v.counters VALUES ('message',
-  (SELECT COALESCE(MAX(seq), 0) FROM main.messages));
 )sql";
 
 // The statements on messages, once for each part: "{t}" names its schema.
@@ -257,8 +258,9 @@ constexpr const char *kStatementTexts[kStatements] = {
     "DELETE FROM v.handles WHERE queue = ?1",
     // kQueueNames
     "SELECT name FROM main.queues UNION ALL SELECT name FROM v.queues ORDER BY name",
-    // kNextSequence
-    "UPDATE v.counters SET value = value + 1 WHERE name = 'message' RETURNING value",
+    // kNextSequence: above every sequence either database ever gave
+    "SELECT MAX(COALESCE((SELECT seq FROM main.sqlite_sequence WHERE name = 'messages'), 0),"
+    " COALESCE((SELECT seq FROM v.sqlite_sequence WHERE name = 'messages'), 0)) + 1",
     // kAddHandle
     "INSERT INTO v.handles (queue, owner, options) VALUES (?1, ?2, ?3)",
     // kRemoveHandle
