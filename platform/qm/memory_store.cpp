@@ -266,31 +266,6 @@ class MemoryStore final : public Store {
     record(undo);
   }
 
-  int32_t releaseHeld(const std::string &queue) override {
-    auto &messages = queues_.at(queue).messages;
-    auto released = std::make_shared<std::vector<MessageKey>>();
-    Undo undo;
-    if (stepDepth_ > 0) {
-      for (const auto &entry : messages) {
-        if (entry.second.state == MessageState::kHeld) released->push_back(entry.first);
-      }
-      undo = prepare([this, queue, released] {
-        for (const MessageKey &key : *released) {
-          queues_.at(queue).messages.at(key).state = MessageState::kHeld;
-        }
-      });
-    }
-    int32_t count = 0;
-    for (auto &entry : messages) {
-      if (entry.second.state == MessageState::kHeld) {
-        entry.second.state = MessageState::kAvailable;
-        ++count;
-      }
-    }
-    record(undo);
-    return count;
-  }
-
   std::vector<std::string> commit(uint64_t unit) override { return endUnit(unit, true); }
   std::vector<std::string> backout(uint64_t unit) override { return endUnit(unit, false); }
 

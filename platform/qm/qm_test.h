@@ -41,6 +41,8 @@ QM_TEST_EXPORT bool throwNext(const std::string &entry, Fault fault);
 
 // While held, messages put to the queue are kept invisible (they count in its
 // depth); releasing (hold false) makes them available and wakes waiting gets.
+// Held messages wait in a unit of work of the queue manager of the process:
+// a reset, or the end of the process, discards them.
 // Returns 0 or the reason (RC_UNKNOWN_OBJECT_NAME, RC_Q_MGR_NAME_ERROR).
 QM_TEST_EXPORT int32_t holdMessages(const std::string &qmName, const std::string &queue, bool hold);
 // Messages put to the queue from now on become visible `milliseconds` after

@@ -573,8 +573,10 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
     if (c.unit == 0) c.unit = ++lastUnit_;
     unit = c.unit;
     messageState = MessageState::kPutInUnit;
-  } else if (h.queue->hold) {
-    messageState = MessageState::kHeld;
+  } else if (h.queue->heldUnit != 0) {
+    // A test holds the queue: its puts wait in a unit that the release commits.
+    unit = h.queue->heldUnit;
+    messageState = MessageState::kPutInUnit;
   }
   // Persistent messages outlive a restart, others do not; nor does anything
   // on a temporary dynamic queue, which ends with its handle.
@@ -934,8 +936,14 @@ void QueueManager::holdMessages(const std::string &queue, bool hold) {
   Lock lock(mutex_);
   definition(queue);
   QueueState &held = state(queue);
-  held.hold = hold;
-  if (!hold && store_->releaseHeld(queue) > 0) notify(queue);
+  if (hold) {
+    if (held.heldUnit == 0) held.heldUnit = ++lastUnit_;
+    return;
+  }
+  if (held.heldUnit == 0) return;
+  const std::vector<std::string> available = store_->commit(held.heldUnit);
+  held.heldUnit = 0;
+  wakeAvailable(available);
 }
 
 void QueueManager::delayMessages(const std::string &queue, int32_t milliseconds) {

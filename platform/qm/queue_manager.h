@@ -60,7 +60,9 @@ std::string queueManagerName(const std::string &name);
 // test hooks.  Guarded by the mutex of its queue manager.
 struct QueueState {
   bool deleted = false;  // deleted by this process: handles naming it get RC_Q_DELETED
-  bool hold = false;     // test hooks: held or delayed puts
+  // Test hooks: the unit that holds the puts while the queue is held (0:
+  // not held), and the delay of the puts.
+  uint64_t heldUnit = 0;
   int32_t delayMilliseconds = 0;
   // For a queue manager of one process: signalled (under the mutex) when a
   // message may have become available, when the queue's attributes change,

@@ -53,7 +53,7 @@ namespace {
 constexpr int kBusyTimeoutMilliseconds = 10000;
 constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
 
-enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2, kHeld = 3 };
+enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2 };
 
 // The two databases that hold messages, by the low bit of a key's sequence.
 enum Part : size_t { kDurable = 0, kVolatile = 1, kParts = 2 };
@@ -139,7 +139,6 @@ enum PartSql : size_t {
   kHasExpired,
   kDiscardExpired,
   kClearMessages,
-  kReleaseHeld,
   kUnitQueues,
   kDeleteUnit,
   kRestoreUnit,
@@ -177,8 +176,6 @@ constexpr const char *kPartTexts[kPartStatements] = {
     "DELETE FROM {t}.messages WHERE queue = ?1 AND expires <= ?2 AND state <> 2",
     // kClearMessages
     "DELETE FROM {t}.messages WHERE queue = ?1",
-    // kReleaseHeld
-    "UPDATE {t}.messages SET state = 0, owner = NULL WHERE queue = ?1 AND state = 3 AND owner = ?2",
     // kUnitQueues: the queues on which messages of the unit in state ?3 become available
     "SELECT DISTINCT queue FROM {t}.messages WHERE owner = ?1 AND unit = ?2 AND state = ?3",
     // kDeleteUnit
@@ -190,7 +187,7 @@ constexpr const char *kPartTexts[kPartStatements] = {
     "SELECT DISTINCT queue FROM {t}.messages WHERE owner = ?1 AND state <> 1",
     // kDeleteOwnerPuts: the puts of every unit of an owner that ended
     "DELETE FROM {t}.messages WHERE owner = ?1 AND state = 1",
-    // kRestoreOwner: its gets come back one backout higher, its held messages plainly
+    // kRestoreOwner: its gets come back one backout higher
     "UPDATE {t}.messages SET backout = backout + (state = 2), state = 0, owner = NULL, unit = 0"
     " WHERE owner = ?1",
     // kDepth
@@ -507,7 +504,7 @@ class SqliteStore final : public Store {
 
   ~SqliteStore() override {
     // What this store leaves is given back as for an owner that ended: its
-    // handles close, its units back out, its held messages are released.
+    // handles close, its units back out.
     try {
       endOwner(self_);
     } catch (...) {
@@ -638,7 +635,7 @@ class SqliteStore final : public Store {
           .blob(10, &md, sizeof md)
           .blob(11, message.data.data(), message.data.size())
           .integer(12, sequence);
-      if (state == MessageState::kPutInUnit || state == MessageState::kHeld) use.text(4, owner_);
+      if (state == MessageState::kPutInUnit) use.text(4, owner_);
       if (message.expiresAt != Clock::time_point::max()) {
         use.integer(8, wallMilliseconds(message.expiresAt));
       }
@@ -706,20 +703,6 @@ class SqliteStore final : public Store {
         Use(partStatement(static_cast<Part>(part), kClearMessages)).text(1, queue).run();
       }
     });
-  }
-
-  int32_t releaseHeld(const std::string &queue) override {
-    int32_t released = 0;
-    transaction([&] {
-      for (size_t part = 0; part < kParts; ++part) {
-        Use(partStatement(static_cast<Part>(part), kReleaseHeld))
-            .text(1, queue)
-            .text(2, owner_)
-            .run();
-        released += sqlite3_changes(db_);
-      }
-    });
-    return released;
   }
 
   std::vector<std::string> commit(uint64_t unit) override { return endUnit(unit, true); }
@@ -826,8 +809,6 @@ class SqliteStore final : public Store {
         return kPutInUnit;
       case MessageState::kGotInUnit:
         return kGotInUnit;
-      case MessageState::kHeld:
-        return kHeld;
     }
     return kAvailable;
   }

@@ -11,8 +11,8 @@
 // carries that out and nothing more, so that each store (memory, SQLite,
 // and any other behind this interface) passes the same contract suite.
 //
-// Owners: every handle, every message of a unit of work and every held
-// message belongs to the store that made it, its owner.  A store of one
+// Owners: every handle and every message of a unit of work belongs to the
+// store that made it, its owner.  A store of one
 // process has one owner, itself.  A store shared by processes names each
 // store that opens it by an owner token, and reports the others through
 // owners(), so that the queue manager can end those that died.
@@ -66,7 +66,6 @@ enum class MessageState : uint8_t {
   kAvailable,  // may be got and browsed
   kPutInUnit,  // put under syncpoint, invisible until its unit commits
   kGotInUnit,  // got under syncpoint, invisible, restored if its unit backs out
-  kHeld,       // put while a test holds the queue, invisible until released
 };
 
 // How long a message lasts.  A durable message outlives the queue manager's
@@ -153,8 +152,6 @@ class Store {
   // how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;
   virtual void clearQueue(const std::string &queue) = 0;
-  // Makes this owner's held messages available; returns how many.
-  virtual int32_t releaseHeld(const std::string &queue) = 0;
 
   // Units of work of this owner.  Commit makes the unit's puts available and
   // removes its gets; backout removes its puts and makes its gets available
@@ -170,9 +167,8 @@ class Store {
   // store may know, for example from a lock the owner held).
   virtual bool ownerEnded(const Owner &owner) const = 0;
   // Gives back everything an ended owner held: its handles close, the
-  // queues created with them are deleted, its units back out and its held
-  // messages become available.  Returns the queues on which messages
-  // became available.
+  // queues created with them are deleted and its units back out.  Returns
+  // the queues on which messages became available.
   virtual std::vector<std::string> endOwner(const Owner &owner) = 0;
 
   // Steps (see the top of this file).  endStep keeps what the step did, or

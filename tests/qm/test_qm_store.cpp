@@ -388,7 +388,8 @@ TYPED_TEST(StoreContract, RemoveAndTakeSayFalseForAMessageNoLongerAvailable) {
   const MessageKey taken = store.addMessage("Q", message(1, "t"), kVolatile, kAvailable, 0);
   const MessageKey put =
       store.addMessage("Q", message(1, "p"), kDurable, MessageState::kPutInUnit, 2);
-  const MessageKey held = store.addMessage("Q", message(1, "h"), kVolatile, MessageState::kHeld, 0);
+  const MessageKey held =
+      store.addMessage("Q", message(1, "h"), kVolatile, MessageState::kPutInUnit, 3);
   EXPECT_TRUE(store.removeMessage("Q", removed));
   EXPECT_FALSE(store.removeMessage("Q", removed));
   EXPECT_FALSE(store.takeInUnit("Q", removed, 1));
@@ -520,23 +521,6 @@ TYPED_TEST(StoreContract, ExpiredMessagesAreSkippedAndDiscardedButNotThoseGotInA
   EXPECT_EQ(browse(store, "Q", later), "l0");
 }
 
-TYPED_TEST(StoreContract, HeldMessagesWaitForTheirRelease) {
-  Store &store = *this->store;
-  store.createQueue(queue("R"), 0);
-  store.addMessage("Q", message(9, "h9"), kDurable, MessageState::kHeld, 0);
-  store.addMessage("Q", message(8, "h8"), kVolatile, MessageState::kHeld, 0);
-  store.addMessage("Q", message(1, "a1"), kDurable, kAvailable, 0);
-  store.addMessage("R", message(0, "r"), kDurable, MessageState::kHeld, 0);
-  EXPECT_EQ(browse(store, "Q", this->now), "a1");
-  EXPECT_EQ(store.depth("Q"), 3);
-  EXPECT_EQ(store.releaseHeld("Q"), 2);
-  EXPECT_EQ(browse(store, "Q", this->now), "h9 h8 a1");
-  EXPECT_EQ(store.releaseHeld("Q"), 0);
-  EXPECT_EQ(first(store, "R", this->now), "<none>");  // another queue's stay held
-  EXPECT_EQ(store.releaseHeld("R"), 1);
-  EXPECT_EQ(first(store, "R", this->now), "r");
-}
-
 TYPED_TEST(StoreContract, DelayedMessagesSayWhenTheyBecomeVisible) {
   Store &store = *this->store;
   const Clock::time_point now = this->now;
@@ -548,7 +532,7 @@ TYPED_TEST(StoreContract, DelayedMessagesSayWhenTheyBecomeVisible) {
   store.addMessage("Q", std::move(sooner), kDurable, kAvailable, 0);
   Message held = message(9, "held", 'a');
   held.visibleFrom = now + milliseconds(100);
-  store.addMessage("Q", std::move(held), kDurable, MessageState::kHeld, 0);
+  store.addMessage("Q", std::move(held), kDurable, MessageState::kPutInUnit, 7);
   // Stored to the millisecond (the SQLite store keeps wall-clock times).
   auto near = [](Clock::time_point a, Clock::time_point b) {
     return std::chrono::abs(a - b) < milliseconds(5);
@@ -569,7 +553,7 @@ TYPED_TEST(StoreContract, DelayedMessagesSayWhenTheyBecomeVisible) {
   EXPECT_EQ(store.depth("Q"), 3);
   EXPECT_EQ(dataOf(store.findMessage("Q", {}, now + milliseconds(400))), "sooner");
   EXPECT_EQ(browse(store, "Q", now + seconds(1)), "sooner soon");
-  EXPECT_EQ(store.releaseHeld("Q"), 1);
+  EXPECT_EQ(store.commit(7), (Names{"Q"}));
   EXPECT_EQ(browse(store, "Q", now + seconds(1)), "sooner held soon");
   EXPECT_EQ(browse(store, "Q", now + milliseconds(200)), "held");
 }
@@ -579,7 +563,7 @@ TYPED_TEST(StoreContract, ClearQueueRemovesEveryMessageOfTheQueueOnly) {
   store.createQueue(queue("R"), 0);
   store.addMessage("Q", message(0, "a"), kDurable, kAvailable, 0);
   store.addMessage("Q", message(0, "b"), kVolatile, kAvailable, 0);
-  store.addMessage("Q", message(0, "h"), kDurable, MessageState::kHeld, 0);
+  store.addMessage("Q", message(0, "h"), kDurable, MessageState::kPutInUnit, 2);
   store.addMessage("Q", message(0, "p"), kVolatile, MessageState::kPutInUnit, 1);
   store.addMessage("R", message(0, "r"), kDurable, kAvailable, 0);
   const int64_t handle = store.addHandle("Q", OPEN_INPUT_SHARED);
@@ -587,7 +571,7 @@ TYPED_TEST(StoreContract, ClearQueueRemovesEveryMessageOfTheQueueOnly) {
   store.clearQueue("Q");
   EXPECT_EQ(store.depth("Q"), 0);
   EXPECT_EQ(first(store, "Q", this->now), "<none>");
-  EXPECT_EQ(store.releaseHeld("Q"), 0);
+  EXPECT_TRUE(store.commit(2).empty());
   EXPECT_TRUE(store.commit(1).empty());
   EXPECT_EQ(store.depth("Q"), 0);
   EXPECT_EQ(store.depth("R"), 1);
@@ -607,7 +591,7 @@ TYPED_TEST(StoreContract, DepthCountsEveryState) {
   Message expired = message(0, "expired");
   expired.expiresAt = now - seconds(1);
   store.addMessage("Q", std::move(expired), kDurable, kAvailable, 0);
-  store.addMessage("Q", message(0, "held"), kVolatile, MessageState::kHeld, 0);
+  store.addMessage("Q", message(0, "held"), kVolatile, MessageState::kPutInUnit, 2);
   store.addMessage("Q", message(0, "put"), kDurable, MessageState::kPutInUnit, 1);
   const MessageKey got = store.addMessage("Q", message(0, "got"), kVolatile, kAvailable, 0);
   EXPECT_TRUE(store.takeInUnit("Q", got, 1));
@@ -640,7 +624,7 @@ TYPED_TEST(StoreContract, AStepThatIsNotKeptUndoesEverythingInIt) {
   const int64_t kept = store.addHandle("B", OPEN_INPUT_SHARED);
   const MessageKey removed = store.addMessage("Q", message(5, "removed"), kDurable, kAvailable, 0);
   const MessageKey taken = store.addMessage("Q", message(4, "taken"), kVolatile, kAvailable, 0);
-  store.addMessage("Q", message(3, "held"), kDurable, MessageState::kHeld, 0);
+  store.addMessage("Q", message(3, "held"), kDurable, MessageState::kPutInUnit, 3);
   store.addMessage("Q", message(2, "put"), kVolatile, MessageState::kPutInUnit, 1);
   store.addMessage("B", message(0, "b"), kDurable, kAvailable, 0);
 
@@ -655,7 +639,7 @@ TYPED_TEST(StoreContract, AStepThatIsNotKeptUndoesEverythingInIt) {
   store.addMessage("Q", message(9, "new"), kVolatile, kAvailable, 0);
   EXPECT_TRUE(store.removeMessage("Q", removed));
   EXPECT_TRUE(store.takeInUnit("Q", taken, 2));
-  EXPECT_EQ(store.releaseHeld("Q"), 1);
+  EXPECT_EQ(store.commit(3), (Names{"Q"}));
   EXPECT_EQ(store.commit(1), (Names{"Q"}));
   store.deleteQueue("B");
   store.endStep(false);
@@ -671,7 +655,7 @@ TYPED_TEST(StoreContract, AStepThatIsNotKeptUndoesEverythingInIt) {
   EXPECT_EQ(browse(store, "Q", this->now), "removed taken");
   // The unit is as it was: its put still waits for it, the get never happened.
   EXPECT_TRUE(store.backout(2).empty());
-  EXPECT_EQ(store.releaseHeld("Q"), 1);
+  EXPECT_EQ(store.commit(3), (Names{"Q"}));
   EXPECT_EQ(store.commit(1), (Names{"Q"}));
   EXPECT_EQ(browse(store, "Q", this->now), "removed taken held put");
 }
@@ -707,7 +691,7 @@ TYPED_TEST(StoreContract, ASingleStoreHasNoOtherOwners) {
   Store &store = *this->store;
   store.addHandle("Q", OPEN_INPUT_SHARED);
   store.addMessage("Q", message(0, "p"), kDurable, MessageState::kPutInUnit, 1);
-  store.addMessage("Q", message(0, "h"), kVolatile, MessageState::kHeld, 0);
+  store.addMessage("Q", message(0, "u"), kVolatile, MessageState::kPutInUnit, 2);
   EXPECT_TRUE(store.owners().empty());
 }
 
@@ -847,18 +831,6 @@ TEST_F(SharedSqliteStore, AUnitIsInvisibleToOthersUntilItEnds) {
   EXPECT_EQ(one->findMessage("Q", {}, now).message->descriptor.backoutCount, 1);
 }
 
-TEST_F(SharedSqliteStore, HeldMessagesAreReleasedByTheirOwnerOnly) {
-  auto one = open();
-  auto other = open();
-  one->createQueue(queue("Q"), 0);
-  one->addMessage("Q", message(0, "one"), kDurable, MessageState::kHeld, 0);
-  other->addMessage("Q", message(0, "other"), kVolatile, MessageState::kHeld, 0);
-  EXPECT_EQ(other->releaseHeld("Q"), 1);
-  EXPECT_EQ(browse(*one, "Q", now), "other");
-  EXPECT_EQ(one->releaseHeld("Q"), 1);
-  EXPECT_EQ(browse(*other, "Q", now), "one other");
-}
-
 // The owner files of an owners directory, without its guard.
 long ownerFiles(const std::string &owners) {
   long count = 0;
@@ -898,15 +870,14 @@ TEST_F(SharedSqliteStore, AStoreThatEndsGivesBackWhatItHeld) {
   const MessageKey got = other->addMessage("Q", message(1, "got"), kDurable, kAvailable, 0);
   EXPECT_TRUE(other->takeInUnit("Q", got, 3));
   other->addMessage("Q", message(2, "put"), kVolatile, MessageState::kPutInUnit, 3);
-  other->addMessage("Q", message(0, "held"), kVolatile, MessageState::kHeld, 0);
   const int64_t handle = other->addHandle("Q", OPEN_INPUT_EXCLUSIVE);
   const int64_t creator = other->addHandle("TEMP", OPEN_INPUT_SHARED);
   other->createQueue(queue("TEMP"), creator);
   other->addMessage("TEMP", message(0, "t"), kDurable, kAvailable, 0);
   const int64_t mine = one->addHandle("Q", OPEN_OUTPUT);
-  EXPECT_EQ(one->depth("Q"), 3);
-  other.reset();
   EXPECT_EQ(one->depth("Q"), 2);
+  other.reset();
+  EXPECT_EQ(one->depth("Q"), 1);
   EXPECT_FALSE(one->handleExists(handle));
   EXPECT_FALSE(one->handleExists(creator));
   EXPECT_TRUE(one->handleExists(mine));
@@ -917,7 +888,7 @@ TEST_F(SharedSqliteStore, AStoreThatEndsGivesBackWhatItHeld) {
   const Found found = one->findMessage("Q", {}, now);
   EXPECT_EQ(dataOf(found), "got");
   EXPECT_EQ(found.message->descriptor.backoutCount, 1);
-  EXPECT_EQ(browse(*one, "Q", now), "got held");
+  EXPECT_EQ(browse(*one, "Q", now), "got");
 }
 
 // Waits for one byte on `fd`: false at the end of the file.
@@ -1012,7 +983,6 @@ TEST_F(SharedSqliteStore, AnOwnerThatDiedIsEndedByAnother) {
     }
     store.addMessage("Q", message(9, "put"), kDurable, MessageState::kPutInUnit, 1);
     store.addMessage("Q", message(8, "put too"), kVolatile, MessageState::kPutInUnit, 2);
-    store.addMessage("Q", message(1, "held"), kDurable, MessageState::kHeld, 0);
     store.addHandle("Q", OPEN_INPUT_EXCLUSIVE);
     const int64_t creator = store.addHandle("TEMP", OPEN_INPUT_SHARED);
     QueueDefinition temporary = queue("TEMP");
@@ -1027,7 +997,7 @@ TEST_F(SharedSqliteStore, AnOwnerThatDiedIsEndedByAnother) {
   const Owner owner = store->owners()[0];
   EXPECT_EQ(owner.pid, peer.pid());
   EXPECT_FALSE(store->ownerEnded(owner)) << "alive";
-  EXPECT_EQ(store->depth("Q"), 6);
+  EXPECT_EQ(store->depth("Q"), 5);
   EXPECT_EQ(browse(*store, "Q", now), "plain");
   EXPECT_TRUE(store->openCounts("Q").exclusiveInput);
   EXPECT_EQ(store->queueNames(), (Names{"Q", "TEMP"}));
@@ -1042,10 +1012,10 @@ TEST_F(SharedSqliteStore, AnOwnerThatDiedIsEndedByAnother) {
   const OpenCounts counts = store->openCounts("Q");
   EXPECT_EQ(counts.handles, 0);
   EXPECT_FALSE(counts.exclusiveInput);
-  EXPECT_EQ(store->depth("Q"), 4);
-  EXPECT_EQ(browse(*store, "Q", now), "got got too held plain");
+  EXPECT_EQ(store->depth("Q"), 3);
+  EXPECT_EQ(browse(*store, "Q", now), "got got too plain");
   Selection selection;
-  for (const int32_t backouts : {1, 1, 0, 0}) {
+  for (const int32_t backouts : {1, 1, 0}) {
     const Found found = store->findMessage("Q", selection, now);
     ASSERT_NE(found.message, nullptr);
     EXPECT_EQ(found.message->descriptor.backoutCount, backouts) << dataOf(found);
@@ -1094,20 +1064,19 @@ TEST_F(SharedSqliteStore, ARestartGivesBackTheDurableMessagesOfOwnersItForgot) {
     const Found found = store.findMessage("Q", {}, Clock::now());
     if (found.message == nullptr || !store.takeInUnit("Q", found.key, 1)) return false;
     store.addMessage("Q", message(0, "put"), kDurable, MessageState::kPutInUnit, 1);
-    store.addMessage("Q", message(0, "held"), kDurable, MessageState::kHeld, 0);
     return true;
   });
   ASSERT_TRUE(peer.worked());
   peer.die();
   removeCompanion();
   auto store = open();
-  EXPECT_EQ(store->depth("Q"), 3);
+  EXPECT_EQ(store->depth("Q"), 2);
   const std::vector<Owner> owners = store->owners();
   ASSERT_EQ(owners.size(), 1u);
   EXPECT_TRUE(store->ownerEnded(owners[0]));
   EXPECT_EQ(store->endOwner(owners[0]), (Names{"Q"}));
   EXPECT_TRUE(store->owners().empty());
-  EXPECT_EQ(browse(*store, "Q", now), "got held");
+  EXPECT_EQ(browse(*store, "Q", now), "got");
   EXPECT_EQ(store->findMessage("Q", {}, now).message->descriptor.backoutCount, 1);
 }
 
