@@ -341,7 +341,7 @@ void QueueManager::disconnect(int32_t hconn) {
   if (c.unit != 0) endUnit(c, false);
   // A failure leaves the connection with the handles not yet closed: the
   // disconnect may be made again.
-  while (!c.handles.empty()) closeObject(hconn, c, c.handles.begin()->first, CLOSE_NONE);
+  while (!c.handles.empty()) closeObject(c, c.handles.begin()->first, CLOSE_NONE);
   connections_.erase(hconn);
 }
 
@@ -360,14 +360,14 @@ void QueueManager::shutdown() {
 
 int32_t QueueManager::open(int32_t hconn, vxOBJDESC &od, int32_t options) {
   Lock lock(mutex_);
-  return openHandle(hconn, connection(hconn), od, options);
+  return openHandle(connection(hconn), od, options);
 }
 
-int32_t QueueManager::openHandle(int32_t hconn, Connection &c, vxOBJDESC &od, int32_t options) {
+int32_t QueueManager::openHandle(Connection &c, vxOBJDESC &od, int32_t options) {
   const int32_t hobj = newHandle();
   auto slot = c.handles.try_emplace(hobj).first;  // may throw before anything changed
   try {
-    slot->second = openObject(hconn, od, options);
+    slot->second = openObject(od, options);
   } catch (...) {
     c.handles.erase(slot);
     throw;
@@ -375,7 +375,7 @@ int32_t QueueManager::openHandle(int32_t hconn, Connection &c, vxOBJDESC &od, in
   return hobj;
 }
 
-ObjectHandle QueueManager::openObject(int32_t /*hconn*/, vxOBJDESC &od, int32_t options) {
+ObjectHandle QueueManager::openObject(vxOBJDESC &od, int32_t options) {
   ObjectHandle opened;
   opened.objectType = od.objectType;
   opened.options = options;
@@ -446,16 +446,16 @@ std::string QueueManager::dynamicQueueName(const std::string &dynamicName) {
 
 void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
   Lock lock(mutex_);
-  closeObject(hconn, connection(hconn), hobj, options);
+  closeObject(connection(hconn), hobj, options);
 }
 
-void QueueManager::closeObject(int32_t /*hconn*/, Connection &c, int32_t hobj, int32_t options) {
+void QueueManager::closeObject(Connection &c, int32_t hobj, int32_t options) {
   ObjectHandle &h = handle(c, hobj);
   std::vector<std::string> deleted;
   if (h.queue && !h.queue->deleted) {
-    // A queue deleted since the open has nothing left to close.  A plain
-    // close of a handle that made no queue allocates nothing: a disconnect
-    // and a put1 close whatever memory is left.
+    // A queue deleted since the open has nothing left to close.  With the
+    // memory store, a plain close of a handle that made no queue allocates
+    // nothing: a disconnect and a put1 close whatever memory is left.
     QueueDefinition queue;
     if (store_->findQueue(h.queueName, options != CLOSE_NONE ? &queue : nullptr)) {
       StoreStep step(*store_);
@@ -514,14 +514,14 @@ void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &
   if (isValidName(name) && store_->findQueue(name, &queue) && queue.queueType == QTYPE_MODEL) {
     fail(RC_OBJECT_TYPE_ERROR);
   }
-  const int32_t hobj = openHandle(hconn, c, od, OPEN_OUTPUT);
+  const int32_t hobj = openHandle(c, od, OPEN_OUTPUT);
   try {
     putMessage(c, c.handles.at(hobj), md, pmo, data, length);
   } catch (...) {
-    closeObject(hconn, c, hobj, CLOSE_NONE);
+    closeObject(c, hobj, CLOSE_NONE);
     throw;
   }
-  closeObject(hconn, c, hobj, CLOSE_NONE);
+  closeObject(c, hobj, CLOSE_NONE);
   step.keep();
 }
 

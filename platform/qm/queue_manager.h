@@ -166,8 +166,8 @@ class QueueManager {
   // that another process sharing the store defined.
   QueueState &state(const std::string &queue);
   std::shared_ptr<QueueState> sharedState(const std::string &queue);
-  int32_t openHandle(int32_t hconn, Connection &connection, vxOBJDESC &od, int32_t options);
-  ObjectHandle openObject(int32_t hconn, vxOBJDESC &od, int32_t options);
+  int32_t openHandle(Connection &connection, vxOBJDESC &od, int32_t options);
+  ObjectHandle openObject(vxOBJDESC &od, int32_t options);
   std::string dynamicQueueName(const std::string &dynamicName);
   // Opens a queue for an open handle's options: refused while an exclusive
   // input open holds it, or for an exclusive input while it is open for
@@ -177,7 +177,7 @@ class QueueManager {
   void endEndedOwners();
   // Wakes the gets that may wait on the queue, in every process.
   void notify(const std::string &queue);
-  void closeObject(int32_t hconn, Connection &connection, int32_t hobj, int32_t options);
+  void closeObject(Connection &connection, int32_t hobj, int32_t options);
   void putMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md, vxPUTOPTS &pmo,
                   const char *data, int32_t length);
   void deleteQueueObject(const std::string &name);
