@@ -305,7 +305,9 @@ typedef struct vxGETOPTS {
 #define RC_PUT_OPTIONS_ERROR 2173
 #define RC_GET_OPTIONS_ERROR 2186
 #define RC_UNEXPECTED_ERROR 2195
-#define RC_STORE_ERROR 2197 /* the queue manager's database failed (I/O, damaged, locked) */
+#define RC_STORE_ERROR 2197     /* the queue manager's database failed (I/O, damaged, locked) */
+#define RC_STORE_FULL 2198      /* the queue manager's storage is full (disk full) */
+#define RC_STORE_READ_ONLY 2199 /* the queue manager's database cannot be written */
 
 /* ---------------------------------------------------------------------- */
 /* Command server                                                         */

@@ -291,9 +291,19 @@ constexpr const char *kStatementTexts[kStatements] = {
     "ROLLBACK",
 };
 
-// The reason of a SQLite result code: memory, or the store itself.
+// The reason of a SQLite result code: memory, a full disk, a database that
+// cannot be written, or any other failure of the store.
 int32_t reasonOf(int result) {
-  return (result & 0xFF) == SQLITE_NOMEM ? RC_STORAGE_NOT_AVAILABLE : RC_STORE_ERROR;
+  switch (result & 0xFF) {
+    case SQLITE_NOMEM:
+      return RC_STORAGE_NOT_AVAILABLE;
+    case SQLITE_FULL:
+      return RC_STORE_FULL;
+    case SQLITE_READONLY:
+      return RC_STORE_READ_ONLY;
+    default:
+      return RC_STORE_ERROR;
+  }
 }
 
 [[noreturn]] void fail(int result) { throw Failure{reasonOf(result)}; }

@@ -62,6 +62,8 @@ constexpr Reason kReasons[] = {
     {RC_GET_OPTIONS_ERROR, "RC_GET_OPTIONS_ERROR", "get options not valid"},
     {RC_UNEXPECTED_ERROR, "RC_UNEXPECTED_ERROR", "unexpected error"},
     {RC_STORE_ERROR, "RC_STORE_ERROR", "the queue manager's database failed"},
+    {RC_STORE_FULL, "RC_STORE_FULL", "the queue manager's storage is full"},
+    {RC_STORE_READ_ONLY, "RC_STORE_READ_ONLY", "the queue manager's database cannot be written"},
     {RC_COMMAND_TYPE_ERROR, "RC_COMMAND_TYPE_ERROR", "command type not valid"},
     {RC_SELECTOR_SET_NOT_ALLOWED, "RC_SELECTOR_SET_NOT_ALLOWED", "selector cannot be set"},
     {RC_PCF_FORMAT_ERROR, "RC_PCF_FORMAT_ERROR", "message not a valid bag message"},
