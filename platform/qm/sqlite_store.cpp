@@ -506,6 +506,16 @@ class SqliteStore final : public Store {
           .integer(4, self_.startTime)
           .run();
       removeLeftoverOwnerFiles();
+    } catch (const Failure &failure) {
+      // A database that could be opened only for reading (a read-only file
+      // or file system), or whose directory cannot be written (its log
+      // cannot be made), is read-only rather than failing.
+      const bool readOnly =
+          sqlite3_db_readonly(db_, "main") == 1 ||
+          access(std::filesystem::path(paths.database).parent_path().c_str(), W_OK) != 0;
+      close();
+      if (failure.reason == RC_STORE_ERROR && readOnly) throw Failure{RC_STORE_READ_ONLY};
+      throw;
     } catch (...) {
       close();
       throw;
