@@ -74,6 +74,8 @@ inline const ReasonName kReasonNames[] = {
     {RC_GET_OPTIONS_ERROR, "RC_GET_OPTIONS_ERROR"},
     {RC_UNEXPECTED_ERROR, "RC_UNEXPECTED_ERROR"},
     {RC_STORE_ERROR, "RC_STORE_ERROR"},
+    {RC_STORE_FULL, "RC_STORE_FULL"},
+    {RC_STORE_READ_ONLY, "RC_STORE_READ_ONLY"},
 };
 
 // "RC_Q_FULL (2053)", or the bare number.
