@@ -6,9 +6,10 @@
 #
 # Always: the machine's own C and C++ tool chain (with its sanitizer
 # run-times), CMake, Ninja, the GoogleTest sources, the header-only CLI11 and
-# nlohmann/json that vxadmin uses, pkg-config, SQLite, and valgrind with the C
-# library's debugging symbols (helgrind and memcheck need them), and any
-# further packages named as arguments.
+# nlohmann/json that vxadmin uses, pkg-config, SQLite, valgrind with the C
+# library's debugging symbols (helgrind and memcheck need them), strace (a
+# test watches the syncs of a persistent put), and any further packages
+# named as arguments.
 #
 # With --i386, also what the 32-bit build needs: the 32-bit tool chain, the
 # 32-bit C library's debugging symbols and SQLite run-time, and, on a machine
@@ -46,8 +47,11 @@ need libcli11-dev
 need nlohmann-json3-dev
 need pkg-config
 need valgrind
-need libc6-dbg
+# By architecture: with the 32-bit one installed too, the bare name is
+# ambiguous and would always count as missing.
+need "libc6-dbg:$(dpkg --print-architecture)"
 need libsqlite3-dev
+need strace
 if [ "$i386" = yes ]; then
   need gcc-multilib
   need g++-multilib

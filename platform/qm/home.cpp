@@ -8,6 +8,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "queue_manager.h"
 
@@ -57,6 +58,13 @@ std::string memoryStem(const std::string &directory, const std::string &qmName) 
   return (shared ? memory : directory) + "/" + name + qmName;
 }
 
+// Whether a change that must be durable is on disk when its call returns:
+// yes unless VXQM_SYNC is "normal" (any other value keeps the safe default).
+bool syncCommits() {
+  const char *variable = std::getenv("VXQM_SYNC");
+  return variable == nullptr || std::string_view(variable) != "normal";
+}
+
 // The data directory named by VXQM_DATA, made when missing, as a full path;
 // empty when there is none.
 std::string dataDirectory() {
@@ -79,7 +87,7 @@ Home openHome(const std::string &qmName) {
   }
   const std::string stem = memoryStem(directory, qmName);
   home.waker = makeSharedWaker(stem + ".wake");
-  home.store = makeSqliteStore({directory + "/" + qmName + ".db", stem + ".db"});
+  home.store = makeSqliteStore({directory + "/" + qmName + ".db", stem + ".db", syncCommits()});
   return home;
 }
 

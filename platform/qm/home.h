@@ -6,8 +6,11 @@
 // and its companion in storage in memory, beside the file of wake counts
 // (/dev/shm/vxqm-<hash>-<qmName>.db and .wake, the hash that of the
 // directory's full path; VXQM_MEMORY_DIR names another directory than
-// /dev/shm, and without either the data directory serves).  Otherwise (unset or empty) it lives in
-// the memory of its process, and its waits need nothing shared.
+// /dev/shm, and without either the data directory serves).  A persistent
+// change is on disk when its call returns, unless VXQM_SYNC is "normal":
+// then it survives the death of its process, not a crash of the machine.
+// Otherwise (unset or empty) it lives in the memory of its process, and its
+// waits need nothing shared.
 #ifndef VX_QM_HOME_H
 #define VX_QM_HOME_H
 

@@ -273,6 +273,10 @@ class MemoryStore final : public Store {
   bool ownerEnded(const Owner & /*owner*/) const override { return false; }
   std::vector<std::string> endOwner(const Owner & /*owner*/) override { return {}; }
 
+  // Nothing outlives the process.
+  uint64_t durableTicket() override { return 0; }
+  void waitDurable(uint64_t /*ticket*/) override {}
+
   // One process, one thread at a time: no other sees a step before it ends.
   void beginStep() override { ++stepDepth_; }
 

@@ -343,6 +343,7 @@ void QueueManager::disconnect(int32_t hconn) {
   // disconnect may be made again.
   while (!c.handles.empty()) closeObject(c, c.handles.begin()->first, CLOSE_NONE);
   connections_.erase(hconn);
+  awaitDurable(lock);
 }
 
 void QueueManager::shutdown() {
@@ -447,6 +448,7 @@ std::string QueueManager::dynamicQueueName(const std::string &dynamicName) {
 void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
   Lock lock(mutex_);
   closeObject(connection(hconn), hobj, options);
+  awaitDurable(lock);
 }
 
 void QueueManager::closeObject(Connection &c, int32_t hobj, int32_t options) {
@@ -498,6 +500,7 @@ void QueueManager::put(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxPUTOPTS &pm
   Lock lock(mutex_);
   Connection &c = connection(hconn);
   putMessage(c, handle(c, hobj), md, pmo, data, length);
+  awaitDurable(lock);
 }
 
 void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &pmo,
@@ -523,6 +526,7 @@ void QueueManager::put1(int32_t hconn, vxOBJDESC &od, vxMSGDESC &md, vxPUTOPTS &
   }
   closeObject(c, hobj, CLOSE_NONE);
   step.keep();
+  awaitDurable(lock);
 }
 
 void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &md, vxPUTOPTS &pmo,
@@ -715,6 +719,8 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     } else if (notConverted) {
       result.outcome = {CC_WARNING, RC_NOT_CONVERTED};
     }
+    // A persistent message got is gone for good only once that is on disk.
+    awaitDurable(lock);
     return result;
   }
 }
@@ -803,6 +809,7 @@ void QueueManager::set(int32_t hconn, int32_t hobj, const std::vector<int32_t> &
   }
   store_->saveQueue(queue);
   notify(h.queueName);  // waiting gets learn of an inhibited get
+  awaitDurable(lock);
 }
 
 // ---------------------------------------------------------------------------
@@ -819,12 +826,14 @@ void QueueManager::commit(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
   if (c.unit != 0) endUnit(c, true);
+  awaitDurable(lock);
 }
 
 void QueueManager::backout(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
   if (c.unit != 0) endUnit(c, false);
+  awaitDurable(lock);
 }
 
 void QueueManager::endUnit(Connection &c, bool commit) {
@@ -838,6 +847,14 @@ void QueueManager::wakeAvailable(const std::vector<std::string> &queues) {
   for (const std::string &name : queues) notify(name);
 }
 
+void QueueManager::awaitDurable(Lock &lock) {
+  // Changes of another call that failed after its commit are covered too.
+  const uint64_t ticket = store_->durableTicket();
+  if (ticket == 0) return;
+  lock.unlock();
+  store_->waitDurable(ticket);
+}
+
 // ---------------------------------------------------------------------------
 // Administration
 
@@ -849,6 +866,7 @@ void QueueManager::createQueue(const std::string &name, const QueueChanges &attr
   created.name = name;
   applyChanges(created, attributes, true);
   store_->createQueue(created, 0);
+  awaitDurable(lock);
 }
 
 void QueueManager::changeQueue(const std::string &name, const QueueChanges &changes) {
@@ -858,6 +876,7 @@ void QueueManager::changeQueue(const std::string &name, const QueueChanges &chan
   applyChanges(changed, changes, false);
   store_->saveQueue(changed);
   notify(name);
+  awaitDurable(lock);
 }
 
 void QueueManager::copyQueue(const std::string &from, const std::string &to,
@@ -870,6 +889,7 @@ void QueueManager::copyQueue(const std::string &from, const std::string &to,
   if (copy.queueType == QTYPE_LOCAL) copy.definitionType = DEFTYPE_PREDEFINED;
   applyChanges(copy, changes, false);
   store_->createQueue(copy, 0);
+  awaitDurable(lock);
 }
 
 void QueueManager::deleteQueue(const std::string &name, bool purge) {
@@ -883,6 +903,7 @@ void QueueManager::deleteQueue(const std::string &name, bool purge) {
   store_->deleteQueue(name);
   step.keep();
   deleteQueueObject(name);
+  awaitDurable(lock);
 }
 
 void QueueManager::clearQueue(const std::string &name) {
@@ -894,6 +915,7 @@ void QueueManager::clearQueue(const std::string &name) {
   if (store_->openCounts(name).handles > 0) fail(RC_OBJECT_IN_USE);
   store_->clearQueue(name);
   step.keep();
+  awaitDurable(lock);
 }
 
 std::vector<std::string> QueueManager::listQueues(const std::string &pattern, int32_t queueType) {

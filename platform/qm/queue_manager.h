@@ -177,6 +177,10 @@ class QueueManager {
   void endEndedOwners();
   // Wakes the gets that may wait on the queue, in every process.
   void notify(const std::string &queue);
+  // Returns once the changes to the store that must outlive a restart are
+  // on disk; the queue manager's mutex is released for the wait, so that
+  // other calls' commits share its sync.  Last in a call.
+  void awaitDurable(Lock &lock);
   void closeObject(Connection &connection, int32_t hobj, int32_t options);
   void putMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md, vxPUTOPTS &pmo,
                   const char *data, int32_t length);

@@ -40,9 +40,11 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <utility>
 
+#include "group_sync.h"
 #include "processes.h"
 #include "queue_manager.h"
 #include "store.h"
@@ -51,6 +53,9 @@ namespace vxqm {
 namespace {
 
 constexpr int kBusyTimeoutMilliseconds = 10000;
+// The size of a log, in pages, at which a commit copies it into its
+// database (SQLite's own default).
+constexpr int kCheckpointPages = 1000;
 constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
 
 enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2 };
@@ -472,9 +477,11 @@ class SqliteStore final : public Store {
       prepareCompanion(paths.companion);
       attachCompanion(paths.companion);
       // WAL: readers and one writer at a time, across processes.  On disk,
-      // NORMAL: a commit is in the log before it returns, which a killed
-      // process cannot undo; only a failure of the machine can lose the
-      // latest ones.  The companion is never synced: it lives in memory.
+      // NORMAL: SQLite writes a commit to the log before it returns, which
+      // a killed process cannot undo, and syncs the log only when it copies
+      // it into the database; the group commit syncs it after the commits
+      // that must be durable, once for all that came meanwhile.  The
+      // companion is never synced: it lives in memory.
       execute("PRAGMA main.journal_mode = WAL");
       execute("PRAGMA main.synchronous = NORMAL");
       execute("PRAGMA v.journal_mode = WAL");
@@ -506,6 +513,10 @@ class SqliteStore final : public Store {
           .integer(4, self_.startTime)
           .run();
       removeLeftoverOwnerFiles();
+      if (paths.syncCommits) {
+        group_ = std::make_unique<GroupSync>(paths.companion + ".sync", paths.database + "-wal");
+      }
+      sqlite3_wal_hook(db_, &SqliteStore::committed, this);
     } catch (const Failure &failure) {
       // A database that could be opened only for reading (a read-only file
       // or file system), or whose directory cannot be written (its log
@@ -788,6 +799,12 @@ class SqliteStore final : public Store {
     return available;
   }
 
+  uint64_t durableTicket() override { return std::exchange(durableTicket_, 0); }
+
+  void waitDurable(uint64_t ticket) override {
+    if (group_) group_->waitDurable(ticket);
+  }
+
   // A step is one write transaction of both databases.  A step within a step
   // is part of it; one that is not kept undoes the outermost.
   void beginStep() override {
@@ -1036,6 +1053,20 @@ class SqliteStore final : public Store {
     }
   }
 
+  // After every commit that wrote to a log: a commit to the database on disk
+  // takes its ticket of the group commit.  The hook takes the place of
+  // SQLite's own, whose checkpoint it makes too.
+  static int committed(void *context, sqlite3 *db, const char *schema, int pages) {
+    auto *store = static_cast<SqliteStore *>(context);
+    if (store->group_ && std::strcmp(schema, "main") == 0) {
+      store->durableTicket_ = store->group_->committed();
+    }
+    if (pages >= kCheckpointPages) {
+      sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    }
+    return SQLITE_OK;
+  }
+
   Owner self_;
   const std::string owner_;
   sqlite3 *db_ = nullptr;
@@ -1043,6 +1074,8 @@ class SqliteStore final : public Store {
   sqlite3_stmt *parts_[kParts][kPartStatements] = {};
   std::string ownersDirectory_;
   int ownerFd_ = -1;
+  std::unique_ptr<GroupSync> group_;    // null: commits are not synced
+  uint64_t durableTicket_ = 0;          // the last commit to disk not yet asked for
   int stepDepth_ = 0;                   // steps begun and not ended
   bool stepUndone_ = false;             // a step of it was not kept
   mutable Message candidates_[kParts];  // what findIn found in each part

@@ -171,6 +171,15 @@ class Store {
   // the queues on which messages became available.
   virtual std::vector<std::string> endOwner(const Owner &owner) = 0;
 
+  // Durability.  durableTicket names the changes that this store made since
+  // it was last asked and that must outlive a restart (0: none);
+  // waitDurable returns once they are on disk.  waitDurable is the one call
+  // a store takes without its queue manager's mutex, from any thread, so
+  // that commits of other threads and processes made meanwhile share its
+  // sync.  It throws Failure when the changes cannot be made durable.
+  virtual uint64_t durableTicket() = 0;
+  virtual void waitDurable(uint64_t ticket) = 0;
+
   // Steps (see the top of this file).  endStep keeps what the step did, or
   // (keep false, after a failure) undoes it.  It throws only when keeping
   // fails; the step must then still be ended with keep false.
@@ -184,10 +193,15 @@ std::unique_ptr<Store> makeMemoryStore();
 
 // Where a SQLite store keeps things: durable ones in `database`, on disk;
 // volatile ones (messages that are not durable, handles, temporary queues,
-// owners) in `companion`, on storage in memory.
+// owners) in `companion`, on storage in memory, beside the counters of its
+// group commit (`<companion>.sync`).  With syncCommits, a change that must
+// be durable is on disk when its call returns; without, it is in the
+// database's log, which survives the death of the process but not a crash
+// of the machine.
 struct SqlitePaths {
   std::string database;
   std::string companion;
+  bool syncCommits = true;
 };
 
 // The SQLite store, shared by every process that opens the same files
