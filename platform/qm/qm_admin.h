@@ -12,14 +12,16 @@
 // Where a queue manager keeps its objects: when the environment variable
 // VXQM_DATA names a directory at the moment a queue manager is created in the
 // process (its first connect, or an administration call or test hook that
-// names it), its definitions and persistent messages live in the SQLite
+// names it), it is one queue manager for every process that uses the same
+// directory: its definitions and persistent messages live in the SQLite
 // database `$VXQM_DATA/<qmName>.db` (the directory is made, mode 0700, when
-// missing), shared with every other process that uses the same directory;
-// otherwise (unset or empty) everything is in memory, for the life of the
-// process.  A program that hosts queue managers over a directory sets the
-// variable before its first connect.  docs/persistence.md says what is
-// shared between processes and what is not.  A database that cannot be
-// opened or fails is reported as RC_STORE_ERROR.
+// missing), the rest in a companion database in memory; otherwise (unset or
+// empty) everything is in memory, for the life of the process.  A program
+// that hosts queue managers over a directory sets the variable before its
+// first connect.  docs/persistence.md says how the processes share it.  A
+// full disk is reported as RC_STORE_FULL, a database that cannot be written
+// as RC_STORE_READ_ONLY, any other failure of the database as
+// RC_STORE_ERROR.
 #ifndef VX_QM_ADMIN_H
 #define VX_QM_ADMIN_H
 
