@@ -9,6 +9,7 @@
 // with the starting and the stopping thread under its mutex.
 #include "command_server.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <functional>
@@ -43,6 +44,7 @@ struct vxcsSERVER {
 
   std::mutex mutex;  // guards every member below
   std::condition_variable startedChanged;
+  std::condition_variable stopAsked;  // vxcsStop closed the command queue's handle
   bool started = false;     // the thread has connected and opened, or failed to
   int32_t startReason = 0;  // 0, or why the thread could not start serving
   bool queueOpen = false;   // the thread's handle of the command queue is open
@@ -68,6 +70,10 @@ constexpr int32_t kDescriptionLength = Q_DESC_LENGTH;
 constexpr int32_t kPcfTypeCommand = 1;
 constexpr int32_t kPcfTypeResponse = 2;
 constexpr int32_t kFirstStringBuffer = 256;
+// How often a server whose command queue has gets inhibited looks whether
+// they are allowed again: the queue manager refuses a get of such a queue at
+// once, wait or not, and wakes nobody when the attribute changes.
+constexpr auto kInhibitedGetRetry = std::chrono::milliseconds(100);
 
 // ----- Errors and replies -------------------------------------------------------------
 
@@ -758,10 +764,11 @@ void discard(const Session &session, int32_t hobj, const vxMSGDESC &md) {
   vxGetBag(session.hconn, hobj, &selector, &gmo, BAG_NONE, &cc, &rc);
 }
 
-// Waits for the next request and answers it.  False when the get failed
-// without taking a message: the handle was closed (the server is stopping)
-// or the connection ended.
-bool serveOne(Session &session, int32_t hobj) {
+// Waits for the next request and answers it.  Returns RC_NONE when a
+// request was taken, else the reason of the get that took none: the handle
+// was closed (the server is stopping), the connection ended, or gets are
+// inhibited on the command queue.
+int32_t serveOne(Session &session, int32_t hobj) {
   vxMSGDESC md = MD_DEFAULT;
   vxGETOPTS gmo = GMO_DEFAULT;
   gmo.options = GET_WAIT | GET_NO_SYNCPOINT;
@@ -786,8 +793,9 @@ bool serveOne(Session &session, int32_t hobj) {
                                                        : RC_NONE;
     answer(session, md, bag, readReason);
   }
+  const int32_t getReason = rc;
   if (bag != BAG_NONE) vxDeleteBag(&bag, &cc, &rc);
-  return taken;
+  return taken ? RC_NONE : getReason;
 }
 
 void serve(vxcsSERVER *server, Session &session) {
@@ -824,7 +832,15 @@ void serve(vxcsSERVER *server, Session &session) {
   }
   if (cc == CC_FAILED) return;
 
-  while (serveOne(session, hobj)) {
+  for (;;) {
+    const int32_t reason = serveOne(session, hobj);
+    if (reason == RC_NONE) continue;
+    if (reason != RC_GET_INHIBITED) break;
+    // Gets inhibited on the command queue (a change queue that anyone may
+    // send does it) pause the server until they are allowed again; only
+    // vxcsStop, or the end of the connection, ends it.
+    std::unique_lock lock(server->mutex);
+    server->stopAsked.wait_for(lock, kInhibitedGetRetry, [server] { return !server->queueOpen; });
   }
 
   {
@@ -880,6 +896,7 @@ void vxcsStop(vxcsSERVER *server) {
       VXCLOSE(server->hconn, &hobj, CLOSE_NONE, &cc, &rc);
       server->queueOpen = false;
     }
+    server->stopAsked.notify_all();
   }
   server->thread.join();
   delete server;

@@ -398,6 +398,20 @@ TEST_F(CommandServerTest, PingIsAnsweredByOneEmptyReply) {
   EXPECT_TRUE(execution.replies[0].items.empty());
 }
 
+TEST_F(CommandServerTest, GetsInhibitedOnTheCommandQueuePauseTheServerUntilAllowedAgain) {
+  // A change queue that anyone may send inhibits gets on the command queue:
+  // the server's get fails at once, and the server waits for them to be
+  // allowed again instead of ending.
+  expectDone(run(CMD_CHANGE_Q, named(kCommandQueue, QTYPE_LOCAL,
+                                     [](VXHBAG bag) { addInteger(bag, ATTR_INHIBIT_GET, 1); })),
+             CMD_CHANGE_Q);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  vxqm::QueueChanges allowed;
+  allowed.inhibitGet = INHIBIT_ALLOWED;
+  ASSERT_EQ(vxqm::admin::changeQueue(kQm, kCommandQueue, allowed), 0);
+  expectDone(run(CMD_PING), CMD_PING);
+}
+
 TEST_F(CommandServerTest, AReplyIsAnAdministrationReplyCorrelatedWithItsRequest) {
   createLocal(kReplyQueue);
   const std::vector<char> request = requestBytes(CMD_PING, {});
