@@ -292,6 +292,9 @@ void QueueManager::notify(const std::string &queue) {
 
 void QueueManager::addConnection(int32_t hconn) {
   Lock lock(mutex_);
+  // Every connect, not only a process's first, gives back what processes
+  // that died held.
+  endEndedOwners();
   connections_.emplace(hconn, Connection{});
 }
 

@@ -467,6 +467,19 @@ TEST_F(QmPersist, AGetThatWouldWaitTakesBackWhatADeadProcessGot) {
   EXPECT_EQ(data, "taken");
 }
 
+TEST_F(QmPersist, EveryConnectGivesBackWhatADeadProcessHeld) {
+  createQueue("CONNECTS");
+  Connection first(kQm);  // the queue manager of this process is made
+  Peer holder({"hold", "CONNECTS", std::to_string(OPEN_INPUT_EXCLUSIVE)});
+  std::string line;
+  ASSERT_TRUE(holder.line(&line));
+  ASSERT_EQ(line.rfind("ready ", 0), 0u) << line;
+  holder.kill9();
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 1);  // nobody looked yet
+  Connection second(kQm);
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 0);
+}
+
 TEST_F(QmPersist, ProcessesOpeningTheStoreAtOnceAllConnect) {
   // Each opening process makes its owner file and clears the files of
   // owners that ended, while the others make theirs.
