@@ -9,8 +9,10 @@
 #   4. The threaded suites under ThreadSanitizer (a build of their own).
 #   5. Every test under AddressSanitizer with UndefinedBehaviorSanitizer,
 #      leak check on.
-#   6. A minute of fuzzing of the message reader and writer, natively, leak
-#      check on.
+#   6. Fuzzing, natively, leak check on: a minute of the message reader and
+#      writer, then 30 seconds each of requests put on the command queue, the
+#      queue manager's conversion of messages and vxadmin's shell lines
+#      (scripts/fuzz.sh).
 #   7. 32-bit build, plainly: every test, natively where the kernel runs
 #      32-bit programs, through qemu's emulator where it does not.  Its
 #      package test installs both builds into one prefix and builds and runs
@@ -51,7 +53,7 @@ cmake -S . -B build-asan -G Ninja -DVX_SANITIZE=address
 cmake --build build-asan -j "$jobs"
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
-echo "== 6. fuzzing the message reader and writer"
+echo "== 6. fuzzing: the message reader and writer, the command server, conversion, vxadmin shell"
 sh scripts/fuzz.sh
 
 echo "== 7. 32-bit build, plain: every test"
