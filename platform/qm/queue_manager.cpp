@@ -480,8 +480,18 @@ void QueueManager::closeObject(Connection &c, int32_t hobj, int32_t options) {
     // A get waiting on this handle wakes and finds it gone.
     if (h.waitingGets > 0) notify(h.queueName);
   }
+  const std::string name = std::move(h.queueName);
   c.handles.erase(hobj);
-  for (const std::string &name : deleted) deleteQueueObject(name);
+  for (const std::string &gone : deleted) deleteQueueObject(gone);
+  // What the process keeps of a queue lasts while a handle or a waiting get
+  // holds it, or a test hook is set on it: a queue that another process
+  // makes and deletes, such as the reply queue a command server answers on,
+  // would otherwise stay here for ever.
+  auto it = queues_.find(name);
+  if (it != queues_.end() && it->second.use_count() == 1 && it->second->heldUnit == 0 &&
+      it->second->delayMilliseconds == 0) {
+    queues_.erase(it);
+  }
 }
 
 // What the process keeps of a queue that the store no longer has.
