@@ -4,6 +4,8 @@
 // fewer than n.  Each failed call must end with RC_STORAGE_NOT_AVAILABLE, and
 // every call, failed or not, must leave nothing behind: no block of the library, no temporary
 // queue, bags that still work, and a command server that answers the next ping.
+// Every case runs twice: against a queue manager in memory, and against one
+// over a data directory, shared through its store.
 //
 // The library's objects and the command server's are linked into this
 // program with malloc, calloc and realloc wrapped, so that the library's heap
@@ -11,6 +13,7 @@
 // answers on its own thread, untouched.
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -85,9 +88,17 @@ struct Outcome {
   int32_t reason = -1;
 };
 
-class OnlineFailures : public ::testing::Test {
+// The parameter: whether the queue manager is over a data directory.
+class OnlineFailures : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
+    if (GetParam()) {
+      char pattern[] = "/tmp/vxqm-online-XXXXXX";
+      ASSERT_NE(mkdtemp(pattern), nullptr);
+      directory_ = pattern;
+      setenv("VXQM_DATA", directory_.c_str(), 1);
+      vxqm::test::reset(kQm);  // made again over the directory
+    }
     ASSERT_EQ(vxcsStart(kQm, &server_), 0);
     char name[QM_NAME_LENGTH + 1] = "QM1";
     int32_t cc, rc;
@@ -107,6 +118,12 @@ class OnlineFailures : public ::testing::Test {
     for (const std::string &queue : names) vxqm::admin::deleteQueue(kQm, queue, true);
     VXDISC(&hconn_, &cc, &rc);
     vxcsStop(server_);
+    if (GetParam()) {
+      vxqm::test::restart(kQm);  // leaves nothing in memory
+      unsetenv("VXQM_DATA");
+      vxqm::test::reset(kQm);
+      std::filesystem::remove_all(directory_);
+    }
   }
 
   // The request bag holds `fill`'s parameters and nothing else.
@@ -230,6 +247,7 @@ class OnlineFailures : public ::testing::Test {
     }
   }
 
+  std::string directory_;  // the data directory, when there is one
   vxcsSERVER *server_ = nullptr;
   int32_t hconn_ = 0;
   VXHBAG request_ = BAG_NONE, reply_ = BAG_NONE;
@@ -238,13 +256,13 @@ class OnlineFailures : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(OnlineFailures, Ping) { sweepCommand(CMD_PING, {}); }
+TEST_P(OnlineFailures, Ping) { sweepCommand(CMD_PING, {}); }
 
-TEST_F(OnlineFailures, InquireQueueManager) {
+TEST_P(OnlineFailures, InquireQueueManager) {
   sweepCommand(CMD_INQUIRE_Q_MGR, [](VXHBAG bag) { addInteger(bag, PARM_Q_MGR_ATTRS, PARM_ALL); });
 }
 
-TEST_F(OnlineFailures, CreateQueue) {
+TEST_P(OnlineFailures, CreateQueue) {
   // A create whose reply was lost still made its queue: each try has a name
   // of its own.
   sweepCommand(CMD_CREATE_Q, [this](VXHBAG bag) {
@@ -254,7 +272,7 @@ TEST_F(OnlineFailures, CreateQueue) {
   });
 }
 
-TEST_F(OnlineFailures, ChangeQueue) {
+TEST_P(OnlineFailures, ChangeQueue) {
   sweepCommand(CMD_CHANGE_Q, [](VXHBAG bag) {
     addString(bag, ATTR_Q_NAME, "SWEEP.A");
     addInteger(bag, ATTR_Q_TYPE, QTYPE_LOCAL);
@@ -262,7 +280,7 @@ TEST_F(OnlineFailures, ChangeQueue) {
   });
 }
 
-TEST_F(OnlineFailures, CopyQueue) {
+TEST_P(OnlineFailures, CopyQueue) {
   sweepCommand(CMD_COPY_Q, [this](VXHBAG bag) {
     addString(bag, PARM_FROM_Q_NAME, "SWEEP.A");
     addString(bag, PARM_TO_Q_NAME, "SWEEP.COPY." + std::to_string(++unique_));
@@ -270,7 +288,7 @@ TEST_F(OnlineFailures, CopyQueue) {
   });
 }
 
-TEST_F(OnlineFailures, DeleteQueue) {
+TEST_P(OnlineFailures, DeleteQueue) {
   std::string victim;
   sweepCommand(
       CMD_DELETE_Q,
@@ -284,24 +302,24 @@ TEST_F(OnlineFailures, DeleteQueue) {
       });
 }
 
-TEST_F(OnlineFailures, ClearQueue) {
+TEST_P(OnlineFailures, ClearQueue) {
   sweepCommand(CMD_CLEAR_Q, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.B"); });
 }
 
-TEST_F(OnlineFailures, InquireQueue) {
+TEST_P(OnlineFailures, InquireQueue) {
   sweepCommand(CMD_INQUIRE_Q, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.*"); });
 }
 
-TEST_F(OnlineFailures, InquireQueueNames) {
+TEST_P(OnlineFailures, InquireQueueNames) {
   sweepCommand(CMD_INQUIRE_Q_NAMES, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "*"); });
 }
 
-TEST_F(OnlineFailures, InquireQueueStatus) {
+TEST_P(OnlineFailures, InquireQueueStatus) {
   sweepCommand(CMD_INQUIRE_Q_STATUS, [](VXHBAG bag) { addString(bag, ATTR_Q_NAME, "SWEEP.*"); });
 }
 
 // A bag put on a queue and got back, each failing in turn.
-TEST_F(OnlineFailures, PutBagAndGetBag) {
+TEST_P(OnlineFailures, PutBagAndGetBag) {
   int32_t cc, rc;
   vxOBJDESC od = OD_DEFAULT;
   std::memset(od.objectName, ' ', Q_NAME_LENGTH);
@@ -368,7 +386,7 @@ TEST_F(OnlineFailures, PutBagAndGetBag) {
 
 // The queue-interface calls allocate nothing of the library's: each succeeds
 // whatever allocation is made to fail.
-TEST_F(OnlineFailures, QueueInterfaceCalls) {
+TEST_P(OnlineFailures, QueueInterfaceCalls) {
   char qmName[QM_NAME_LENGTH + 1] = "QM1";
   vxOBJDESC od = OD_DEFAULT;
   std::memset(od.objectName, ' ', Q_NAME_LENGTH);
@@ -539,7 +557,7 @@ const std::vector<EntryFailures> kEntryFailures = {
 // is got again, the end of the wait after the first reply is a warning, and
 // a close of the clean-up never changes the outcome.  Its blocks are
 // released, no reply queue stays, and the next ping is answered.
-TEST_F(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
+TEST_P(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
   struct Conversation {
     int32_t command;
     std::function<void(VXHBAG)> fill;
@@ -604,3 +622,8 @@ TEST_F(OnlineFailures, TheQueueManagerFailingAtEachCallOfAConversation) {
   // Opens, inquiries, puts, gets and closes were each failed somewhere.
   EXPECT_GT(runs, 100);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, OnlineFailures, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                           return info.param ? "OverADataDirectory" : "InMemory";
+                         });
