@@ -4,6 +4,7 @@
 
 #include "qm_admin.h"
 #include "queue_manager.h"
+#include "store.h"
 
 namespace vxqm::admin {
 namespace {
@@ -59,6 +60,14 @@ int32_t queueAttributes(const std::string &qmName, const std::string &name,
 
 int32_t queueStatus(const std::string &qmName, const std::string &name, QueueStatus *status) {
   return run(qmName, [&](QueueManager &qm) { *status = qm.queueStatus(name); });
+}
+
+bool lastStoreFailure(const std::string &qmName, StoreFailure *failure) {
+  try {
+    return findStoreFailure(queueManagerName(qmName), failure);
+  } catch (...) {
+    return false;
+  }
 }
 
 }  // namespace vxqm::admin

@@ -1,6 +1,7 @@
 // Where a queue manager lives: see home.h.
 #include "home.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "queue_manager.h"
@@ -24,18 +26,38 @@ std::string memoryDirectory() {
   return variable != nullptr && variable[0] != 0 ? variable : kMemoryDirectory;
 }
 
-// Makes the data directory (and its parents) when it is missing: mode 0700.
-void makeDirectories(const std::string &path) {
-  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) throw Failure{RC_STORE_ERROR};
-    if (slash == std::string::npos) return;
-  }
-}
+using admin::StoreProblem;
 
-std::string fullPath(const std::string &path) {
-  char *resolved = realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) throw Failure{RC_STORE_ERROR};
+// Makes the data directory of the queue manager `qmName` when it is missing,
+// mode 0700 whatever the umask, but never its parent: a directory named by
+// mistake is not made with every missing directory above it.  Refuses a
+// directory that is not this user's alone to write.  Returns its full path.
+std::string openDataDirectory(const std::string &qmName, const std::string &directory) {
+  const char *checking = "checking the data directory";
+  if (mkdir(directory.c_str(), 0700) == 0) {
+    chmod(directory.c_str(), 0700);
+  } else if (errno == ENOENT) {
+    storeFailed(qmName, {RC_STORE_ERROR, StoreProblem::kMissingDirectory, directory,
+                         "making the data directory", "its parent directory does not exist"});
+  } else if (errno != EEXIST) {
+    storeFailed(qmName, systemStoreFailure(errno, directory, "making the data directory"));
+  }
+  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) {
+    if (errno == ENOTDIR) {
+      storeFailed(qmName, {RC_STORE_ERROR, StoreProblem::kNotADirectory, directory, checking,
+                           "it is not a directory"});
+    }
+    storeFailed(qmName, systemStoreFailure(errno, directory, checking));
+  }
+  const std::string problem = directoryProblem(descriptor);
+  close(descriptor);
+  if (!problem.empty()) {
+    storeFailed(qmName,
+                {RC_STORE_ERROR, StoreProblem::kUnsafeDirectory, directory, checking, problem});
+  }
+  char *resolved = realpath(directory.c_str(), nullptr);
+  if (resolved == nullptr) storeFailed(qmName, systemStoreFailure(errno, directory, checking));
   std::string full = resolved;
   std::free(resolved);
   return full;
@@ -65,35 +87,53 @@ bool syncCommits() {
   return variable == nullptr || std::string_view(variable) != "normal";
 }
 
-// The data directory named by VXQM_DATA, made when missing, as a full path;
-// empty when there is none.
-std::string dataDirectory() {
+// The data directory named by VXQM_DATA, as it is named; empty when there is
+// none.
+std::string namedDirectory() {
   const char *variable = std::getenv("VXQM_DATA");
   if (variable == nullptr || variable[0] == 0) return {};
   std::string directory = variable;
   while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
-  makeDirectories(directory);
-  return fullPath(directory);
+  return directory;
 }
 
 }  // namespace
 
+bool isFileName(const std::string &qmName) {
+  return !qmName.empty() && qmName[0] != '.' && qmName.find('/') == std::string::npos;
+}
+
 Home openHome(const std::string &qmName) {
   Home home;
-  const std::string directory = dataDirectory();
-  if (directory.empty()) {
+  const std::string named = namedDirectory();
+  if (named.empty()) {
     home.store = makeMemoryStore();
     return home;
   }
+  // The name becomes a file name: it never leaves the directory.
+  if (!isFileName(qmName)) throw Failure{RC_Q_MGR_NAME_ERROR};
+  const std::string directory = openDataDirectory(qmName, named);
   const std::string stem = memoryStem(directory, qmName);
-  home.waker = makeSharedWaker(stem + ".wake");
-  home.store = makeSqliteStore({directory + "/" + qmName + ".db", stem + ".db", syncCommits()});
+  try {
+    home.waker = makeSharedWaker(stem + ".wake");
+  } catch (const Failure &failure) {
+    storeFailed(qmName, {failure.reason, StoreProblem::kOther, stem + ".wake",
+                         "opening the file of wake counts",
+                         "it cannot be made, or it is not a regular file of this user closed to "
+                         "others"});
+  }
+  home.store =
+      makeSqliteStore({directory + "/" + qmName + ".db", stem + ".db", syncCommits(), qmName});
   return home;
 }
 
 void removeMemoryFiles(const std::string &qmName) {
-  const std::string directory = dataDirectory();
-  if (directory.empty()) return;
+  const std::string named = namedDirectory();
+  if (named.empty() || !isFileName(qmName)) return;
+  char *resolved = realpath(named.c_str(), nullptr);
+  if (resolved == nullptr) return;
+  const std::string directory = resolved;
+  std::free(resolved);
   const std::string stem = memoryStem(directory, qmName);
   for (const char *suffix : {".db", ".db-wal", ".db-shm", ".wake"}) {
     unlink((stem + suffix).c_str());

@@ -27,9 +27,17 @@ struct Home {
   std::unique_ptr<Waker> waker;  // null: the queue manager's waits stay in its process
 };
 
-// Throws Failure (RC_STORE_ERROR) when the directory or its files cannot be
-// used.
+// With a data directory, refuses a name that is no file name of it (one with
+// '/' or that begins with '.': RC_Q_MGR_NAME_ERROR), makes the directory
+// when it is missing and its parent exists (mode 0700), and refuses one that
+// another user owns or that others may write.  Throws Failure (RC_STORE_ERROR,
+// RC_STORE_FULL or RC_STORE_READ_ONLY, the account kept for
+// admin::lastStoreFailure) when the directory or its files cannot be used.
 Home openHome(const std::string &qmName);
+
+// Whether a queue manager's name may name its files in a data directory:
+// no '/' and no '.' first.
+bool isFileName(const std::string &qmName);
 
 // Removes what the queue manager keeps in storage in memory, as a restart of
 // the machine does (test hooks).  Nothing to do without a data directory.

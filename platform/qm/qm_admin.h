@@ -14,14 +14,21 @@
 // process (its first connect, or an administration call or test hook that
 // names it), it is one queue manager for every process that uses the same
 // directory: its definitions and persistent messages live in the SQLite
-// database `$VXQM_DATA/<qmName>.db` (the directory is made, mode 0700, when
-// missing), the rest in a companion database in memory; otherwise (unset or
-// empty) everything is in memory, for the life of the process.  A program
-// that hosts queue managers over a directory sets the variable before its
-// first connect.  docs/persistence.md says how the processes share it.  A
-// full disk is reported as RC_STORE_FULL, a database that cannot be written
-// as RC_STORE_READ_ONLY, any other failure of the database as
-// RC_STORE_ERROR.
+// database `$VXQM_DATA/<qmName>.db`, the rest in a companion database in
+// memory; otherwise (unset or empty) everything is in memory, for the life of
+// the process.  A program that hosts queue managers over a directory sets the
+// variable before its first connect.  docs/persistence.md says how the
+// processes share it.
+//
+// The data directory is made (mode 0700) when it is missing and its parent
+// exists; one that belongs to another user or that group or others may write
+// is refused (RC_STORE_ERROR).  Every file of the queue manager is mode 0600,
+// whatever the umask.  The name of a queue manager with a data directory
+// becomes a file name, so it never holds '/' nor begins with '.'
+// (RC_Q_MGR_NAME_ERROR).  A full disk is reported as RC_STORE_FULL, a
+// database that cannot be written as RC_STORE_READ_ONLY, any other failure of
+// the database or its directory as RC_STORE_ERROR; lastStoreFailure says
+// which file and why.
 #ifndef VX_QM_ADMIN_H
 #define VX_QM_ADMIN_H
 
@@ -107,6 +114,36 @@ QM_ADMIN_EXPORT int32_t queueAttributes(const std::string &qmName, const std::st
                                         QueueDefinition *definition);
 QM_ADMIN_EXPORT int32_t queueStatus(const std::string &qmName, const std::string &name,
                                     QueueStatus *status);
+
+// What a store failure was about: what a person does next depends on it.
+enum class StoreProblem : int32_t {
+  kOther = 0,
+  kPermission,        // the file or directory may not be read or written
+  kReadOnly,          // the file or its file system is read-only
+  kFull,              // the file system is full
+  kNotADatabase,      // the file is not a database
+  kDamaged,           // the database is damaged
+  kBusy,              // other processes held the database beyond the busy timeout
+  kUnsafeDirectory,   // the directory is another user's, or others may write it
+  kMissingDirectory,  // the data directory's parent does not exist
+  kNotADirectory,     // the data directory names something else
+};
+
+// The last failure of a queue manager's store in this process.
+struct StoreFailure {
+  int32_t reason = RC_NONE;  // RC_STORE_ERROR, RC_STORE_FULL, RC_STORE_READ_ONLY
+  StoreProblem problem = StoreProblem::kOther;
+  std::string path;    // the file or directory
+  std::string action;  // what the store was doing ("opening the database")
+  std::string cause;   // the database engine's or the system's own words
+};
+
+// The last store failure of the queue manager `qmName` in this process
+// (since it was first named here, even when it could not be made), in
+// *failure; false when there was none.  The reason a call returns cannot
+// carry the file and its cause: a caller that got a store reason reads them
+// here.
+QM_ADMIN_EXPORT bool lastStoreFailure(const std::string &qmName, StoreFailure *failure);
 
 }  // namespace admin
 }  // namespace vxqm

@@ -296,6 +296,9 @@ constexpr const char *kStatementTexts[kStatements] = {
     "ROLLBACK",
 };
 
+using admin::StoreFailure;
+using admin::StoreProblem;
+
 // The reason of a SQLite result code: memory, a full disk, a database that
 // cannot be written, or any other failure of the store.
 int32_t reasonOf(int result) {
@@ -311,7 +314,71 @@ int32_t reasonOf(int result) {
   }
 }
 
-[[noreturn]] void fail(int result) { throw Failure{reasonOf(result)}; }
+// What a person does about a SQLite result code: the engine's code first,
+// then the system's error beneath it.
+StoreProblem problemOf(int result, int systemError) {
+  switch (result & 0xFF) {
+    case SQLITE_FULL:
+      return StoreProblem::kFull;
+    case SQLITE_READONLY:
+      return StoreProblem::kReadOnly;
+    case SQLITE_NOTADB:
+      return StoreProblem::kNotADatabase;
+    case SQLITE_CORRUPT:
+      return StoreProblem::kDamaged;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return StoreProblem::kBusy;
+    case SQLITE_PERM:
+    case SQLITE_AUTH:
+      return StoreProblem::kPermission;
+    default:
+      break;
+  }
+  switch (systemError) {
+    case EACCES:
+    case EPERM:
+      return StoreProblem::kPermission;
+    case EROFS:
+      return StoreProblem::kReadOnly;
+    case ENOSPC:
+    case EDQUOT:
+      return StoreProblem::kFull;
+    default:
+      return StoreProblem::kOther;
+  }
+}
+
+// Where a store tells its failures: the queue manager whose account they
+// become (lastStoreFailure), and the files they are about.
+struct Reporter {
+  std::string qmName;
+  std::string database;
+  sqlite3 *db = nullptr;  // null before the database opens
+  mutable bool reported = false;
+
+  // The failure of a SQLite call on `path` (default: the database), with the
+  // engine's own words.
+  [[noreturn]] void failed(int result, const std::string &action,
+                           const std::string *path = nullptr) const {
+    const int systemError = db != nullptr ? sqlite3_system_errno(db) : 0;
+    std::string cause = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(result);
+    if (systemError != 0 && (result & 0xFF) != SQLITE_NOTADB && (result & 0xFF) != SQLITE_CORRUPT)
+      cause += std::string(" (") + std::strerror(systemError) + ")";
+    failed(
+        {reasonOf(result), problemOf(result, systemError), path ? *path : database, action, cause});
+  }
+  [[noreturn]] void failed(const StoreFailure &failure) const {
+    reported = true;
+    storeFailed(qmName, failure);
+  }
+};
+
+// A prepared statement of a store, with whom its failures are told to.
+struct Statement {
+  sqlite3_stmt *handle;
+  const Reporter *reporter;
+};
 
 // Wall-clock milliseconds of a point of the monotonic clock: the database
 // outlives the process, whose monotonic clock means nothing to another.
@@ -349,7 +416,7 @@ std::string partText(const char *text, Part part) {
 // One prepared statement in use: bound, stepped, and reset whatever happens.
 class Use {
  public:
-  explicit Use(sqlite3_stmt *statement) : statement_(statement) {}
+  explicit Use(Statement statement) : statement_(statement.handle), reporter_(statement.reporter) {}
   ~Use() {
     sqlite3_reset(statement_);
     sqlite3_clear_bindings(statement_);
@@ -388,7 +455,7 @@ class Use {
   bool step() {
     const int result = sqlite3_step(statement_);
     if (result == SQLITE_ROW) return true;
-    if (result != SQLITE_DONE) fail(result);
+    if (result != SQLITE_DONE) failed(result);
     return false;
   }
   void run() { step(); }
@@ -409,10 +476,15 @@ class Use {
   }
 
  private:
-  static void check(int result) {
-    if (result != SQLITE_OK) fail(result);
+  void check(int result) const {
+    if (result != SQLITE_OK) failed(result);
+  }
+  [[noreturn]] void failed(int result) const {
+    reporter_->failed(result, sqlite3_stmt_readonly(statement_) ? "reading the database"
+                                                                : "writing the database");
   }
   sqlite3_stmt *statement_;
+  const Reporter *reporter_;
 };
 
 // In the owners directory: the suffix of an owner file being made, and the
@@ -450,14 +522,66 @@ class Guard {
 
 // Makes the companion's file, or checks the one that is there: a regular
 // file of this user that no one else may read, never a link.
-void prepareCompanion(const std::string &path) {
+void prepareCompanion(const Reporter &reporter, const std::string &path) {
+  const char *action = "opening the companion";
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) throw Failure{RC_STORE_ERROR};
+  if (fd < 0) reporter.failed(systemStoreFailure(errno, path, action));
   struct stat info;
   const bool safe = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
                     (info.st_mode & 077) == 0;
   ::close(fd);
-  if (!safe) throw Failure{RC_STORE_ERROR};
+  if (!safe) {
+    reporter.failed({RC_STORE_ERROR, StoreProblem::kPermission, path, action,
+                     "it is not a regular file of this user closed to others"});
+  }
+}
+
+// Why a file of the store, open as `fd`, may not be used, or "" when it may:
+// a regular file of this user, made private when others could reach it.
+std::string fileProblem(int fd) {
+  struct stat info;
+  if (fstat(fd, &info) != 0) return std::strerror(errno);
+  if (!S_ISREG(info.st_mode)) return "it is not a regular file";
+  if (info.st_uid != geteuid()) return "it belongs to another user";
+  if ((info.st_mode & 077) != 0 && fchmod(fd, info.st_mode & 0700) != 0)
+    return std::string("it cannot be made private (") + std::strerror(errno) + ")";
+  return "";
+}
+
+// Makes the database file, mode 0600 whatever the umask, before the engine
+// opens it (the engine would make it 0644, and its log and shared-memory
+// files take the database's mode); a database file, log or shared-memory
+// file that is there is checked and made private.  Never follows a link.
+void prepareDatabaseFiles(const Reporter &reporter, const std::string &database) {
+  const char *action = "making the database";
+  int fd = open(database.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    // Made here: the umask may only have taken permissions away.
+    const bool made = fchmod(fd, 0600) == 0;
+    const int error = errno;
+    ::close(fd);
+    if (!made) reporter.failed(systemStoreFailure(error, database, action));
+    return;
+  }
+  if (const int error = errno; error != EEXIST) {
+    StoreFailure failure = systemStoreFailure(error, database, action);
+    if (error == ELOOP) failure.cause = "it is a link";
+    // A directory that cannot be written holds a database that cannot be.
+    if (failure.problem == StoreProblem::kPermission) failure.reason = RC_STORE_READ_ONLY;
+    reporter.failed(failure);
+  }
+  for (const char *suffix : {"", "-wal", "-shm"}) {
+    const std::string path = database + suffix;
+    fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) continue;
+    std::string problem =
+        fd < 0 ? (errno == ELOOP ? "it is a link" : std::strerror(errno)) : fileProblem(fd);
+    if (fd >= 0) ::close(fd);
+    if (!problem.empty()) {
+      reporter.failed(
+          {RC_STORE_ERROR, StoreProblem::kPermission, path, "opening the database", problem});
+    }
+  }
 }
 
 class SqliteStore final : public Store {
@@ -465,16 +589,27 @@ class SqliteStore final : public Store {
   explicit SqliteStore(const SqlitePaths &paths)
       : self_(thisProcess()), owner_(newOwnerToken(self_)) {
     self_.token = owner_;
+    reporter_.qmName = paths.qmName;
+    reporter_.database = paths.database;
+    prepareDatabaseFiles(reporter_, paths.database);
     int result =
         sqlite3_open_v2(paths.database.c_str(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    reporter_.db = db_;
     if (result != SQLITE_OK) {
-      close();
-      fail(result);
+      try {
+        reporter_.failed(result, "opening the database");
+      } catch (...) {
+        close();
+        throw;
+      }
     }
     try {
       sqlite3_busy_timeout(db_, kBusyTimeoutMilliseconds);
-      prepareCompanion(paths.companion);
+      // The database's own header is read before the companion is
+      // attached, so that a file that is not a database is named as such.
+      execute("PRAGMA main.schema_version", "opening the database");
+      prepareCompanion(reporter_, paths.companion);
       attachCompanion(paths.companion);
       // WAL: readers and one writer at a time, across processes.  On disk,
       // NORMAL: SQLite writes a commit to the log before it returns, which
@@ -514,19 +649,42 @@ class SqliteStore final : public Store {
           .run();
       removeLeftoverOwnerFiles();
       if (paths.syncCommits) {
-        group_ = std::make_unique<GroupSync>(paths.companion + ".sync", paths.database + "-wal");
+        try {
+          group_ = std::make_unique<GroupSync>(paths.companion + ".sync", paths.database + "-wal");
+        } catch (const Failure &failure) {
+          reporter_.failed({failure.reason, StoreProblem::kOther, paths.companion + ".sync",
+                            "opening the counts of the group commit",
+                            "it cannot be made, or it is not a regular file of this user closed "
+                            "to others"});
+        }
       }
       sqlite3_wal_hook(db_, &SqliteStore::committed, this);
     } catch (const Failure &failure) {
       // A database that could be opened only for reading (a read-only file
       // or file system), or whose directory cannot be written (its log
       // cannot be made), is read-only rather than failing.
-      const bool readOnly =
-          sqlite3_db_readonly(db_, "main") == 1 ||
-          access(std::filesystem::path(paths.database).parent_path().c_str(), W_OK) != 0;
+      const std::string directory = std::filesystem::path(paths.database).parent_path().string();
+      const bool fileReadOnly = sqlite3_db_readonly(db_, "main") == 1;
+      const bool directoryReadOnly = access(directory.c_str(), W_OK) != 0;
+      const int error = errno;
       close();
-      if (failure.reason == RC_STORE_ERROR && readOnly) throw Failure{RC_STORE_READ_ONLY};
-      throw;
+      StoreFailure account;
+      if (!reporter_.reported || !findStoreFailure(paths.qmName, &account)) {
+        account = {failure.reason, StoreProblem::kOther, paths.database, "opening the database",
+                   "it cannot be opened"};
+      }
+      if (failure.reason == RC_STORE_ERROR && (fileReadOnly || directoryReadOnly)) {
+        account.reason = RC_STORE_READ_ONLY;
+        if (directoryReadOnly) {
+          account = systemStoreFailure(error, directory, account.action);
+          account.reason = RC_STORE_READ_ONLY;
+          account.cause = "the directory cannot be written: " + account.cause;
+        } else {
+          account.problem = StoreProblem::kReadOnly;
+        }
+      }
+      recordStoreFailure(paths.qmName, account);
+      throw Failure{account.reason};
     } catch (...) {
       close();
       throw;
@@ -880,7 +1038,10 @@ class SqliteStore final : public Store {
       if (use.step()) {
         size_t length = 0;
         const char *descriptor = use.columnBlob(5, &length);
-        if (length != sizeof(vxMSGDESC)) throw Failure{RC_STORE_ERROR};
+        if (length != sizeof(vxMSGDESC)) {
+          reporter_.failed({RC_STORE_ERROR, StoreProblem::kDamaged, reporter_.database,
+                            "reading the database", "a message's descriptor has the wrong length"});
+        }
         Message &message = candidates_[part];
         std::memcpy(&message.descriptor, descriptor, sizeof message.descriptor);
         message.descriptor.backoutCount = static_cast<int32_t>(use.column(2));
@@ -949,7 +1110,7 @@ class SqliteStore final : public Store {
 
   // Undoes the open transaction; a failure here leaves nothing more to undo.
   void rollback() {
-    sqlite3_stmt *statement = this->statement(kRollback);
+    sqlite3_stmt *statement = statements_[kRollback];
     sqlite3_step(statement);
     sqlite3_reset(statement);
   }
@@ -960,7 +1121,7 @@ class SqliteStore final : public Store {
     sqlite3_bind_text(attach, 1, path.c_str(), -1, SQLITE_TRANSIENT);
     const int result = sqlite3_step(attach);
     sqlite3_finalize(attach);
-    if (result != SQLITE_DONE) fail(result);
+    if (result != SQLITE_DONE) reporter_.failed(result, "attaching the companion", &path);
   }
 
   // The owner file: <database>.owners/<token>, locked for as long as the
@@ -971,18 +1132,38 @@ class SqliteStore final : public Store {
   // guard alone may take such a file for the leftover of a process that died.
   void lockOwnerFile(const std::string &path) {
     ownersDirectory_ = path + ".owners";
+    const char *action = "opening the owners directory";
     if (mkdir(ownersDirectory_.c_str(), 0700) != 0 && errno != EEXIST) {
-      throw Failure{RC_STORE_ERROR};
+      reporter_.failed(systemStoreFailure(errno, ownersDirectory_, action));
+    }
+    // Private whatever the umask, and never another's: its files are locks
+    // that other processes trust.
+    const int directory =
+        open(ownersDirectory_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (directory < 0) reporter_.failed(systemStoreFailure(errno, ownersDirectory_, action));
+    struct stat info;
+    if (fstat(directory, &info) == 0 && info.st_uid == geteuid() && (info.st_mode & 077) != 0)
+      fchmod(directory, 0700);
+    const std::string problem = directoryProblem(directory);
+    ::close(directory);
+    if (!problem.empty()) {
+      reporter_.failed(
+          {RC_STORE_ERROR, StoreProblem::kUnsafeDirectory, ownersDirectory_, action, problem});
     }
     const Guard guard(ownersDirectory_, LOCK_SH);
-    if (!guard.held()) throw Failure{RC_STORE_ERROR};
+    if (!guard.held()) {
+      reporter_.failed(systemStoreFailure(errno, ownersDirectory_ + "/" + kGuardName,
+                                          "locking the owners directory"));
+    }
     const std::string file = ownerFile(owner_);
     const std::string building = file + kBuildingSuffix;
-    ownerFd_ = open(building.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (ownerFd_ < 0) throw Failure{RC_STORE_ERROR};
+    ownerFd_ = open(building.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (ownerFd_ < 0)
+      reporter_.failed(systemStoreFailure(errno, building, "making the owner file"));
     if (flock(ownerFd_, LOCK_EX) != 0 || rename(building.c_str(), file.c_str()) != 0) {
+      const int error = errno;
       unlink(building.c_str());
-      throw Failure{RC_STORE_ERROR};
+      reporter_.failed(systemStoreFailure(error, file, "locking the owner file"));
     }
   }
 
@@ -1012,7 +1193,7 @@ class SqliteStore final : public Store {
   void prepare(const char *sql, sqlite3_stmt **statement) {
     const int result =
         sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr);
-    if (result != SQLITE_OK) fail(result);
+    if (result != SQLITE_OK) reporter_.failed(result, "preparing the database");
   }
 
   int userVersion() {
@@ -1021,17 +1202,19 @@ class SqliteStore final : public Store {
     const int result = sqlite3_step(query);
     const int version = result == SQLITE_ROW ? sqlite3_column_int(query, 0) : 0;
     sqlite3_finalize(query);
-    if (result != SQLITE_ROW) fail(result);
+    if (result != SQLITE_ROW) reporter_.failed(result, "reading the database");
     return version;
   }
 
-  void execute(const char *sql) {
+  void execute(const char *sql, const char *action = "preparing the database") {
     const int result = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
-    if (result != SQLITE_OK) fail(result);
+    if (result != SQLITE_OK) reporter_.failed(result, action);
   }
 
-  sqlite3_stmt *statement(Sql which) const { return statements_[which]; }
-  sqlite3_stmt *partStatement(Part part, PartSql which) const { return parts_[part][which]; }
+  Statement statement(Sql which) const { return {statements_[which], &reporter_}; }
+  Statement partStatement(Part part, PartSql which) const {
+    return {parts_[part][which], &reporter_};
+  }
 
   void close() {
     for (sqlite3_stmt *&s : statements_) {
@@ -1046,6 +1229,7 @@ class SqliteStore final : public Store {
     }
     if (db_ != nullptr) sqlite3_close_v2(db_);
     db_ = nullptr;
+    reporter_.db = nullptr;
     if (ownerFd_ >= 0) {
       unlink(ownerFile(owner_).c_str());
       ::close(ownerFd_);
@@ -1069,6 +1253,7 @@ class SqliteStore final : public Store {
 
   Owner self_;
   const std::string owner_;
+  Reporter reporter_;
   sqlite3 *db_ = nullptr;
   sqlite3_stmt *statements_[kStatements] = {};
   sqlite3_stmt *parts_[kParts][kPartStatements] = {};

@@ -202,11 +202,29 @@ struct SqlitePaths {
   std::string database;
   std::string companion;
   bool syncCommits = true;
+  std::string qmName;  // whose failures the store records (lastStoreFailure)
 };
 
 // The SQLite store, shared by every process that opens the same files
 // (docs/persistence.md).  Throws Failure when they cannot be opened.
+// Makes the database file itself, mode 0600, before the engine opens it.
 std::unique_ptr<Store> makeSqliteStore(const SqlitePaths &paths);
+
+// The account of a system error met while making or using a file of the
+// store: its reason (RC_STORE_FULL for a full disk, RC_STORE_READ_ONLY for a
+// read-only file system, else RC_STORE_ERROR) and its problem.
+admin::StoreFailure systemStoreFailure(int error, const std::string &path,
+                                       const std::string &action);
+// Why an open directory may not hold a queue manager's files (another user
+// owns it, or group or others may write it), or "" when it may.
+std::string directoryProblem(int descriptor);
+// The last store failure kept for the queue manager `qmName`; false when none.
+bool findStoreFailure(const std::string &qmName, admin::StoreFailure *failure);
+// Keeps `failure` as the last store failure of the queue manager `qmName`
+// (admin::lastStoreFailure), then throws Failure with its reason.
+[[noreturn]] void storeFailed(const std::string &qmName, const admin::StoreFailure &failure);
+// Keeps `failure` as the last one without throwing.
+void recordStoreFailure(const std::string &qmName, const admin::StoreFailure &failure);
 
 }  // namespace vxqm
 

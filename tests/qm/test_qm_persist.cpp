@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -179,6 +180,150 @@ TEST_F(QmPersist, ADatabaseThatCannotBeMadeIsAStoreError) {
   vxqm::test::reset(kQm);  // nothing to reset: no queue manager was made
   setenv("VXQM_DATA", directory_.c_str(), 1);
   Connection c(kQm);  // the next connect makes it
+}
+
+// The account of the last store failure of `qmName`, as one line.
+std::string lastFailure(const std::string &qmName, vxqm::admin::StoreProblem *problem = nullptr) {
+  vxqm::admin::StoreFailure failure;
+  if (!vxqm::admin::lastStoreFailure(qmName, &failure)) return "none";
+  if (problem != nullptr) *problem = failure.problem;
+  return std::to_string(failure.reason) + " " + failure.path + ": " + failure.action + ": " +
+         failure.cause;
+}
+
+std::string modeOf(const std::string &path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) return "missing";
+  char text[8];
+  std::snprintf(text, sizeof text, "%o", static_cast<unsigned>(info.st_mode & 07777));
+  return text;
+}
+
+// A queue manager's name becomes a file name in the data directory: one
+// that would be a path is refused, and nothing is made outside.
+TEST_F(QmPersist, ANameThatWouldBeAPathIsRefused) {
+  const std::string inside = directory_ + "/inside";
+  ASSERT_EQ(mkdir(inside.c_str(), 0700), 0);
+  setenv("VXQM_DATA", inside.c_str(), 1);
+  for (const char *name : {"../EVIL", "..", ".HIDDEN", "A/B", "/TMP", "A/../B"}) {
+    EXPECT_EQ(vxqm::admin::createQueue(name, "ANY", {}), RC_Q_MGR_NAME_ERROR) << name;
+    char field[QM_NAME_LENGTH] = {};
+    qmtest::setField(field, sizeof field, name);
+    int32_t hconn = 0;
+    Status s;
+    qmCONN(field, &hconn, &s.compCode, &s.reason, 0);
+    EXPECT_EQ(s, failed(RC_Q_MGR_NAME_ERROR)) << name;
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory_ + "/EVIL.db"));
+  EXPECT_FALSE(std::filesystem::exists(inside + "/.HIDDEN.db"));
+  EXPECT_FALSE(std::filesystem::exists(inside + "/A"));
+  // Dots within a name are a file name like any other.
+  EXPECT_EQ(vxqm::admin::createQueue("A.B", "ANY", {}), RC_NONE);
+  EXPECT_TRUE(std::filesystem::exists(inside + "/A.B.db"));
+  vxqm::test::restart("A.B");
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+  // Without a data directory a name is no file name: '/' is a character of
+  // names like any other.
+  unsetenv("VXQM_DATA");
+  EXPECT_EQ(vxqm::admin::createQueue("A/B", "ANY", {}), RC_NONE);
+  vxqm::test::reset("A/B");
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+}
+
+// The files of the database are the user's alone whatever the umask.
+TEST_F(QmPersist, TheFilesArePrivateWhateverTheUmask) {
+  unsetenv("VXQM_DATA");
+  vxqm::test::reset(kQm);  // in memory: the directory can go
+  std::filesystem::remove_all(directory_);
+  const mode_t old = umask(0);
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+  vxqm::test::reset(kQm);
+  {
+    Connection c(kQm);
+    int32_t hobj = c.open("SYSTEM.DEFAULT.LOCAL.QUEUE", OPEN_OUTPUT);
+    vxMSGDESC md = MD_DEFAULT;
+    md.persistence = PERSISTENCE_PERSISTENT;
+    EXPECT_EQ(c.put(hobj, "private", &md), ok());
+  }
+  umask(old);
+  EXPECT_EQ(modeOf(directory_), "700");
+  EXPECT_EQ(modeOf(directory_ + "/PQM.db"), "600");
+  EXPECT_EQ(modeOf(directory_ + "/PQM.db-wal"), "600");
+  EXPECT_EQ(modeOf(directory_ + "/PQM.db-shm"), "600");
+  EXPECT_EQ(modeOf(directory_ + "/PQM.db.owners"), "700");
+  for (const auto &entry : std::filesystem::directory_iterator(directory_ + "/PQM.db.owners"))
+    EXPECT_EQ(modeOf(entry.path().string()), "600") << entry.path();
+}
+
+// A database made readable by others before is made private when it opens.
+TEST_F(QmPersist, ADatabaseOthersCouldReadIsMadePrivate) {
+  { Connection c(kQm); }
+  vxqm::test::restart(kQm);
+  ASSERT_EQ(chmod((directory_ + "/PQM.db").c_str(), 0644), 0);
+  vxqm::test::reset(kQm);
+  EXPECT_EQ(modeOf(directory_ + "/PQM.db"), "600");
+}
+
+// Only the last level of a data directory is made; its parent must exist.
+TEST_F(QmPersist, OnlyTheLastLevelOfTheDataDirectoryIsMade) {
+  const std::string deep = directory_ + "/no/such/dir";
+  setenv("VXQM_DATA", deep.c_str(), 1);
+  vxqm::test::reset(kQm);
+  vxqm::admin::StoreProblem problem{};
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+  EXPECT_EQ(lastFailure(kQm, &problem),
+            "2197 " + deep + ": making the data directory: its parent directory does not exist");
+  EXPECT_EQ(problem, vxqm::admin::StoreProblem::kMissingDirectory);
+  EXPECT_FALSE(std::filesystem::exists(directory_ + "/no"));
+  const std::string one = directory_ + "/one";
+  setenv("VXQM_DATA", one.c_str(), 1);
+  vxqm::test::reset(kQm);
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_NONE);
+  EXPECT_EQ(modeOf(one), "700");
+  vxqm::test::restart(kQm);
+  setenv("VXQM_DATA", directory_.c_str(), 1);
+}
+
+// A directory that others may write, or that is another user's, is refused.
+TEST_F(QmPersist, ADirectoryOthersMayWriteIsRefused) {
+  vxqm::test::restart(kQm);
+  ASSERT_EQ(chmod(directory_.c_str(), 0777), 0);
+  vxqm::test::reset(kQm);
+  vxqm::admin::StoreProblem problem{};
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+  EXPECT_EQ(lastFailure(kQm, &problem),
+            "2197 " + directory_ + ": checking the data directory: group or others may write it");
+  EXPECT_EQ(problem, vxqm::admin::StoreProblem::kUnsafeDirectory);
+  ASSERT_EQ(chmod(directory_.c_str(), 0700), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(directory_.c_str(), 65534, 65534), 0);
+    vxqm::test::reset(kQm);
+    EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+    EXPECT_EQ(lastFailure(kQm),
+              "2197 " + directory_ + ": checking the data directory: it belongs to another user");
+    ASSERT_EQ(chown(directory_.c_str(), 0, 0), 0);
+  }
+  vxqm::test::reset(kQm);
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_NONE);
+}
+
+// A file that is not a database is named, with the engine's own reason.
+TEST_F(QmPersist, AFileThatIsNotADatabaseIsNamed) {
+  vxqm::test::restart(kQm);
+  std::filesystem::remove_all(directory_);
+  ASSERT_EQ(mkdir(directory_.c_str(), 0700), 0);
+  std::FILE *file = std::fopen((directory_ + "/PQM.db").c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  for (int i = 0; i < 512; ++i) std::fputs("not a database, ", file);
+  std::fclose(file);
+  vxqm::test::reset(kQm);
+  vxqm::admin::StoreProblem problem{};
+  EXPECT_EQ(vxqm::admin::createQueue(kQm, "ANY", {}), RC_STORE_ERROR);
+  EXPECT_EQ(lastFailure(kQm, &problem),
+            "2197 " + directory_ + "/PQM.db: opening the database: file is not a database");
+  EXPECT_EQ(problem, vxqm::admin::StoreProblem::kNotADatabase);
+  std::filesystem::remove(directory_ + "/PQM.db");
+  vxqm::test::reset(kQm);
 }
 
 TEST_F(QmPersist, DefinitionsAndPersistentMessagesSurviveARestart) {
