@@ -45,9 +45,9 @@ struct vxcsSERVER {
   std::mutex mutex;  // guards every member below
   std::condition_variable startedChanged;
   std::condition_variable stopAsked;  // vxcsStop closed the command queue's handle
-  bool started = false;     // the thread has connected and opened, or failed to
-  int32_t startReason = 0;  // 0, or why the thread could not start serving
-  bool queueOpen = false;   // the thread's handle of the command queue is open
+  bool started = false;               // the thread has connected and opened, or failed to
+  int32_t startReason = 0;            // 0, or why the thread could not start serving
+  bool queueOpen = false;             // the thread's handle of the command queue is open
   int32_t hconn = 0;
   int32_t hobj = HOBJ_UNUSABLE;
 };
@@ -66,6 +66,12 @@ constexpr int32_t kReadTotalBytes = 4 * 1024 * 1024;
 constexpr int32_t kLargestParameterCount = 256;
 
 constexpr char kCommandQueue[] = "SYSTEM.ADMIN.COMMAND.QUEUE";
+// The model of the requesters' reply queues: a reply queue has its
+// attributes, puts and gets inhibited included.
+constexpr char kReplyModelQueue[] = "SYSTEM.DEFAULT.MODEL.QUEUE";
+// The queue manager's own queues, which administrators may change but not
+// delete or retype.
+constexpr char kSystemPrefix[] = "SYSTEM.";
 constexpr int32_t kDescriptionLength = Q_DESC_LENGTH;
 constexpr int32_t kPcfTypeCommand = 1;
 constexpr int32_t kPcfTypeResponse = 2;
@@ -525,12 +531,31 @@ void check(int32_t reason, int32_t nameParameter) {
   }
 }
 
-// A queue's type must be the one the request names.
+bool isSystemQueue(const std::string &name) {
+  return name.compare(0, sizeof kSystemPrefix - 1, kSystemPrefix) == 0;
+}
+
+// A queue's type must be the one the request names.  Retyping a SYSTEM.
+// queue has a reason of its own: the queue manager and every requester rely
+// on the type of theirs.
 void checkQueueType(const Session &session, const std::string &name, int32_t nameParameter,
                     int32_t queueType) {
   vxqm::QueueDefinition definition;
   check(vxqm::admin::queueAttributes(session.qmName, name, &definition), nameParameter);
-  if (definition.queueType != queueType) fail(RC_OBJECT_TYPE_ERROR, ATTR_Q_TYPE);
+  if (definition.queueType == queueType) return;
+  fail(isSystemQueue(name) ? RC_SYSTEM_Q_TYPE_REFUSED : RC_OBJECT_TYPE_ERROR, ATTR_Q_TYPE);
+}
+
+// Commands reach the server on the command queue and its replies come back
+// on queues made from the model: with puts or gets inhibited on either, no
+// command, not even the one that would allow them again, could be carried
+// out and answered.  The server refuses to set them (allowing is always
+// accepted); the queue manager's administration interface does not
+// (docs/decisions.md).
+void checkKeepsCommandsFlowing(const std::string &name, const vxqm::QueueChanges &changes) {
+  if (name != kCommandQueue && name != kReplyModelQueue) return;
+  if (changes.inhibitPut == INHIBIT_INHIBITED) fail(RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_PUT);
+  if (changes.inhibitGet == INHIBIT_INHIBITED) fail(RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_GET);
 }
 
 // ----- The commands -------------------------------------------------------------------------
@@ -573,6 +598,7 @@ void inquireQueueManager(const Request &request) {
 void createQueue(const Request &request) {
   const std::string name = objectName(request.parameters, ATTR_Q_NAME);
   const vxqm::QueueChanges attributes = queueChanges(request.parameters);
+  checkKeepsCommandsFlowing(name, attributes);
   check(vxqm::admin::createQueue(request.session.qmName, name, attributes), ATTR_Q_NAME);
   request.replier.add(Reply());
 }
@@ -580,6 +606,7 @@ void createQueue(const Request &request) {
 void changeQueue(const Request &request) {
   const std::string name = objectName(request.parameters, ATTR_Q_NAME);
   const vxqm::QueueChanges changes = queueChanges(request.parameters);
+  checkKeepsCommandsFlowing(name, changes);
   checkQueueType(request.session, name, ATTR_Q_NAME, *changes.queueType);
   check(vxqm::admin::changeQueue(request.session.qmName, name, changes), ATTR_Q_NAME);
   request.replier.add(Reply());
@@ -589,6 +616,7 @@ void copyQueue(const Request &request) {
   const std::string from = objectName(request.parameters, PARM_FROM_Q_NAME);
   const std::string to = objectName(request.parameters, PARM_TO_Q_NAME);
   const vxqm::QueueChanges changes = queueChanges(request.parameters);
+  checkKeepsCommandsFlowing(to, changes);
   checkQueueType(request.session, from, PARM_FROM_Q_NAME, *changes.queueType);
   const int32_t reason = vxqm::admin::copyQueue(request.session.qmName, from, to, changes);
   check(reason, reason == RC_UNKNOWN_OBJECT_NAME ? PARM_FROM_Q_NAME : PARM_TO_Q_NAME);
@@ -598,6 +626,10 @@ void copyQueue(const Request &request) {
 void deleteQueue(const Request &request) {
   const std::string name = objectName(request.parameters, ATTR_Q_NAME);
   const bool purge = request.parameters.integer(PARM_PURGE, 0, 1).value_or(0) == 1;
+  // Without its SYSTEM. queues the queue manager has no command queue, no
+  // model for reply queues, no default queue; each process would define
+  // them again anyway, so that the delete's reply would not be true either.
+  if (isSystemQueue(name)) fail(RC_SYSTEM_Q_DELETE_REFUSED, ATTR_Q_NAME);
   check(vxqm::admin::deleteQueue(request.session.qmName, name, purge), ATTR_Q_NAME);
   request.replier.add(Reply());
 }

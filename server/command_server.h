@@ -46,6 +46,19 @@ extern "C" {
 #define PARM_TO_Q_NAME 3002      /* string: the queue made by the copy */
 #define PARM_Q_NAMES 3011        /* string list: the names of a reply of command 18 */
 
+/* Reasons of the error replies that refuse what would lock administrators
+ * out (docs/command-server.md), besides those of vxqi.h.
+ * RC_SYSTEM_Q_INHIBIT_REFUSED: puts or gets inhibited on
+ * "SYSTEM.ADMIN.COMMAND.QUEUE" or "SYSTEM.DEFAULT.MODEL.QUEUE" (the model of
+ * the requesters' reply queues).
+ * RC_SYSTEM_Q_DELETE_REFUSED: a delete of a queue whose name begins with
+ * "SYSTEM.".
+ * RC_SYSTEM_Q_TYPE_REFUSED: a change queue giving a "SYSTEM." queue another
+ * type than its own. */
+#define RC_SYSTEM_Q_INHIBIT_REFUSED 3012
+#define RC_SYSTEM_Q_DELETE_REFUSED 3013
+#define RC_SYSTEM_Q_TYPE_REFUSED 3014
+
 /* A running command server.  Only vxcsStop releases it. */
 typedef struct vxcsSERVER vxcsSERVER;
 

@@ -399,12 +399,13 @@ TEST_F(CommandServerTest, PingIsAnsweredByOneEmptyReply) {
 }
 
 TEST_F(CommandServerTest, GetsInhibitedOnTheCommandQueuePauseTheServerUntilAllowedAgain) {
-  // A change queue that anyone may send inhibits gets on the command queue:
-  // the server's get fails at once, and the server waits for them to be
-  // allowed again instead of ending.
-  expectDone(run(CMD_CHANGE_Q, named(kCommandQueue, QTYPE_LOCAL,
-                                     [](VXHBAG bag) { addInteger(bag, ATTR_INHIBIT_GET, 1); })),
-             CMD_CHANGE_Q);
+  // The server refuses to inhibit gets on its command queue, but a program
+  // with the queue manager's administration interface may: the server's get
+  // fails at once, and the server waits for them to be allowed again instead
+  // of ending.
+  vxqm::QueueChanges inhibited;
+  inhibited.inhibitGet = INHIBIT_INHIBITED;
+  ASSERT_EQ(vxqm::admin::changeQueue(kQm, kCommandQueue, inhibited), 0);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   vxqm::QueueChanges allowed;
   allowed.inhibitGet = INHIBIT_ALLOWED;
@@ -643,6 +644,181 @@ TEST_F(CommandServerTest, DeleteAndClearRefuseAnOpenQueue) {
   EXPECT_TRUE(exists("TEST.Q1"));
   expectError(run(CMD_CLEAR_Q, named("TEST.NONE", std::nullopt)), CMD_CLEAR_Q,
               RC_UNKNOWN_OBJECT_NAME, ATTR_Q_NAME);
+}
+
+// ----- What would lock administrators out ----------------------------------------------
+
+constexpr char kModelQueue[] = "SYSTEM.DEFAULT.MODEL.QUEUE";
+constexpr char kDefaultLocalQueue[] = "SYSTEM.DEFAULT.LOCAL.QUEUE";
+
+bool sameDefinition(const vxqm::QueueDefinition &a, const vxqm::QueueDefinition &b) {
+  return a.name == b.name && a.queueType == b.queueType && a.definitionType == b.definitionType &&
+         a.description == b.description && a.defaultPersistence == b.defaultPersistence &&
+         a.defaultPriority == b.defaultPriority && a.inhibitGet == b.inhibitGet &&
+         a.inhibitPut == b.inhibitPut && a.maxMsgLength == b.maxMsgLength &&
+         a.maxDepth == b.maxDepth;
+}
+
+Filler setting(int32_t selector, int32_t value) {
+  return [=](VXHBAG bag) { addInteger(bag, selector, value); };
+}
+
+TEST_F(CommandServerTest, PutsAndGetsStayAllowedOnTheCommandQueueAndTheReplyModel) {
+  const std::pair<const char *, int32_t> queues[] = {{kCommandQueue, QTYPE_LOCAL},
+                                                     {kModelQueue, QTYPE_MODEL}};
+  for (const auto &[queue, type] : queues) {
+    const vxqm::QueueDefinition before = attributesOf(queue);
+    for (int32_t selector : {ATTR_INHIBIT_PUT, ATTR_INHIBIT_GET}) {
+      SCOPED_TRACE(std::string(queue) + " " + std::to_string(selector));
+      expectError(run(CMD_CHANGE_Q, named(queue, type, setting(selector, INHIBIT_INHIBITED))),
+                  CMD_CHANGE_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, selector);
+      // Nothing else of the request is carried out either.
+      expectError(run(CMD_CHANGE_Q, named(queue, type,
+                                          [=](VXHBAG bag) {
+                                            addInteger(bag, ATTR_MAX_Q_DEPTH, 7);
+                                            addInteger(bag, selector, INHIBIT_INHIBITED);
+                                          })),
+                  CMD_CHANGE_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, selector);
+      EXPECT_TRUE(sameDefinition(attributesOf(queue), before));
+      expectDone(run(CMD_PING), CMD_PING);
+    }
+    // Allowing is always accepted, and so is any other attribute.
+    expectDone(run(CMD_CHANGE_Q, named(queue, type,
+                                       [](VXHBAG bag) {
+                                         addInteger(bag, ATTR_INHIBIT_PUT, INHIBIT_ALLOWED);
+                                         addInteger(bag, ATTR_INHIBIT_GET, INHIBIT_ALLOWED);
+                                         addString(bag, ATTR_Q_DESC, "kept open");
+                                       })),
+               CMD_CHANGE_Q);
+    EXPECT_EQ(attributesOf(queue).description, "kept open");
+  }
+  // Other queues may be inhibited as before.
+  createLocal("TEST.Q1");
+  expectDone(run(CMD_CHANGE_Q,
+                 named("TEST.Q1", QTYPE_LOCAL, setting(ATTR_INHIBIT_PUT, INHIBIT_INHIBITED))),
+             CMD_CHANGE_Q);
+  EXPECT_EQ(attributesOf("TEST.Q1").inhibitPut, INHIBIT_INHIBITED);
+}
+
+TEST_F(CommandServerTest, TheRefusedLockOutLeavesEveryCommandAnswered) {
+  // The change that once made every later command fail with 2051, the one
+  // that would undo it included.
+  expectError(run(CMD_CHANGE_Q,
+                  named(kCommandQueue, QTYPE_LOCAL, setting(ATTR_INHIBIT_PUT, INHIBIT_INHIBITED))),
+              CMD_CHANGE_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_PUT);
+  EXPECT_EQ(attributesOf(kCommandQueue).inhibitPut, INHIBIT_ALLOWED);
+  expectDone(run(CMD_PING), CMD_PING);
+  expectDone(run(CMD_INQUIRE_Q_MGR), CMD_INQUIRE_Q_MGR);
+  createLocal("TEST.Q1");
+  expectDone(run(CMD_CHANGE_Q,
+                 named("TEST.Q1", QTYPE_LOCAL, setting(ATTR_INHIBIT_GET, INHIBIT_INHIBITED))),
+             CMD_CHANGE_Q);
+}
+
+TEST_F(CommandServerTest, CreateAndCopyCannotMakeTheCommandQueuesInhibited) {
+  // Both always exist, so create and copy onto them are refused anyway; the
+  // inhibit is refused first, without a look at the queue manager.
+  expectError(run(CMD_CREATE_Q,
+                  named(kModelQueue, QTYPE_MODEL, setting(ATTR_INHIBIT_GET, INHIBIT_INHIBITED))),
+              CMD_CREATE_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_GET);
+  createLocal("TEST.FROM");
+  expectError(run(CMD_COPY_Q, copyOf("TEST.FROM", kCommandQueue, QTYPE_LOCAL,
+                                     setting(ATTR_INHIBIT_PUT, INHIBIT_INHIBITED))),
+              CMD_COPY_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_PUT);
+  expectError(run(CMD_COPY_Q, copyOf("TEST.FROM", kCommandQueue)), CMD_COPY_Q,
+              RC_OBJECT_ALREADY_EXISTS, PARM_TO_Q_NAME);
+  EXPECT_EQ(attributesOf(kCommandQueue).inhibitPut, INHIBIT_ALLOWED);
+  EXPECT_EQ(attributesOf(kModelQueue).inhibitGet, INHIBIT_ALLOWED);
+  // The copy of a SYSTEM. queue under another name is an ordinary queue.
+  expectDone(run(CMD_COPY_Q, copyOf(kCommandQueue, "TEST.TO", QTYPE_LOCAL,
+                                    setting(ATTR_INHIBIT_PUT, INHIBIT_INHIBITED))),
+             CMD_COPY_Q);
+  EXPECT_EQ(attributesOf("TEST.TO").inhibitPut, INHIBIT_INHIBITED);
+}
+
+TEST_F(CommandServerTest, NoSystemQueueIsDeleted) {
+  const std::vector<vxqm::QueueDefinition> before = {
+      attributesOf(kCommandQueue), attributesOf(kDefaultLocalQueue), attributesOf(kModelQueue)};
+  for (const vxqm::QueueDefinition &queue : before) {
+    SCOPED_TRACE(queue.name);
+    expectError(run(CMD_DELETE_Q, named(queue.name, std::nullopt)), CMD_DELETE_Q,
+                RC_SYSTEM_Q_DELETE_REFUSED, ATTR_Q_NAME);
+    expectError(run(CMD_DELETE_Q, purging(queue.name, 1)), CMD_DELETE_Q, RC_SYSTEM_Q_DELETE_REFUSED,
+                ATTR_Q_NAME);
+    EXPECT_TRUE(sameDefinition(attributesOf(queue.name), queue));
+  }
+  // Messages on the default local queue stay too.
+  putMessages(kDefaultLocalQueue, 2);
+  expectError(run(CMD_DELETE_Q, purging(kDefaultLocalQueue, 1)), CMD_DELETE_Q,
+              RC_SYSTEM_Q_DELETE_REFUSED, ATTR_Q_NAME);
+  EXPECT_EQ(vxqm::test::messageCount(kQm, kDefaultLocalQueue), 2);
+  // Any queue whose name begins with SYSTEM., the queue manager's or not.
+  createLocal("SYSTEM.TEST.OWN");
+  expectError(run(CMD_DELETE_Q, named("SYSTEM.TEST.OWN", std::nullopt)), CMD_DELETE_Q,
+              RC_SYSTEM_Q_DELETE_REFUSED, ATTR_Q_NAME);
+  EXPECT_TRUE(exists("SYSTEM.TEST.OWN"));
+  // The prefix is exact: other names are deleted as before.
+  createLocal("SYSTEMS.TEST");
+  createLocal("system.test");
+  expectDone(run(CMD_DELETE_Q, named("SYSTEMS.TEST", std::nullopt)), CMD_DELETE_Q);
+  expectDone(run(CMD_DELETE_Q, named("system.test", std::nullopt)), CMD_DELETE_Q);
+  expectDone(run(CMD_PING), CMD_PING);
+}
+
+TEST_F(CommandServerTest, NoSystemQueueChangesItsType) {
+  const std::pair<const char *, int32_t> retyped[] = {
+      {kCommandQueue, QTYPE_MODEL}, {kDefaultLocalQueue, QTYPE_MODEL}, {kModelQueue, QTYPE_LOCAL}};
+  for (const auto &[queue, type] : retyped) {
+    SCOPED_TRACE(queue);
+    const vxqm::QueueDefinition before = attributesOf(queue);
+    expectError(run(CMD_CHANGE_Q, named(queue, type, setting(ATTR_MAX_Q_DEPTH, 9))), CMD_CHANGE_Q,
+                RC_SYSTEM_Q_TYPE_REFUSED, ATTR_Q_TYPE);
+    EXPECT_TRUE(sameDefinition(attributesOf(queue), before));
+  }
+  // Another queue's type given wrongly is the wrong type, as before.
+  createLocal("TEST.Q1");
+  expectError(run(CMD_CHANGE_Q, named("TEST.Q1", QTYPE_MODEL)), CMD_CHANGE_Q, RC_OBJECT_TYPE_ERROR,
+              ATTR_Q_TYPE);
+  expectError(run(CMD_CHANGE_Q, named("SYSTEM.TEST.NONE", QTYPE_MODEL)), CMD_CHANGE_Q,
+              RC_UNKNOWN_OBJECT_NAME, ATTR_Q_NAME);
+}
+
+TEST_F(CommandServerTest, AReplyModelWithGetsInhibitedCannotBeMadeThroughTheServer) {
+  // Once gets were allowed to be inhibited on the model, every requester's
+  // reply queue had them inhibited too: a delete of the model was carried
+  // out, its reply put, and vxExecute failed with 2016 reading it.  Both
+  // steps are refused now, and a command that fails has changed nothing.
+  expectError(run(CMD_CHANGE_Q,
+                  named(kModelQueue, QTYPE_MODEL, setting(ATTR_INHIBIT_GET, INHIBIT_INHIBITED))),
+              CMD_CHANGE_Q, RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_GET);
+  expectError(run(CMD_DELETE_Q, named(kModelQueue, std::nullopt)), CMD_DELETE_Q,
+              RC_SYSTEM_Q_DELETE_REFUSED, ATTR_Q_NAME);
+  EXPECT_TRUE(exists(kModelQueue));
+  EXPECT_EQ(attributesOf(kModelQueue).inhibitGet, INHIBIT_ALLOWED);
+  expectDone(run(CMD_PING), CMD_PING);
+}
+
+TEST_F(CommandServerTest, AReplyModelInhibitedByAnotherProgramCanBeAllowedAgain) {
+  // Only a program with the administration interface can still inhibit gets
+  // on the model.  Every vxExecute then fails reading its reply (2016),
+  // after the server carried the command out: that failure is the
+  // requester's, and it is how the change that allows gets again gets
+  // through.
+  vxqm::QueueChanges inhibited;
+  inhibited.inhibitGet = INHIBIT_INHIBITED;
+  ASSERT_EQ(vxqm::admin::changeQueue(kQm, kModelQueue, inhibited), 0);
+  const Execution allow = run(
+      CMD_CHANGE_Q, named(kModelQueue, QTYPE_MODEL, setting(ATTR_INHIBIT_GET, INHIBIT_ALLOWED)));
+  EXPECT_EQ(allow.compCode, CC_FAILED);
+  EXPECT_REASON(allow.reason, RC_GET_INHIBITED);
+  // The requester's get fails at once, perhaps before the server has taken
+  // the request.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (attributesOf(kModelQueue).inhibitGet != INHIBIT_ALLOWED &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(attributesOf(kModelQueue).inhibitGet, INHIBIT_ALLOWED);
+  expectDone(run(CMD_PING), CMD_PING);
 }
 
 // ----- Inquiries ------------------------------------------------------------------------------

@@ -98,6 +98,11 @@ constexpr Reason kReasons[] = {
     {RC_COMMAND_FAILED, "RC_COMMAND_FAILED", "command failed"},
     {RC_COMMAND_NOT_SUPPORTED, "RC_COMMAND_NOT_SUPPORTED", "command not supported"},
     {RC_PARAMETER_ERROR, "RC_PARAMETER_ERROR", "parameter not valid"},
+    {RC_SYSTEM_Q_INHIBIT_REFUSED, "RC_SYSTEM_Q_INHIBIT_REFUSED",
+     "puts and gets stay allowed on the command queue and the model of reply queues"},
+    {RC_SYSTEM_Q_DELETE_REFUSED, "RC_SYSTEM_Q_DELETE_REFUSED", "SYSTEM. queues cannot be deleted"},
+    {RC_SYSTEM_Q_TYPE_REFUSED, "RC_SYSTEM_Q_TYPE_REFUSED",
+     "the type of a SYSTEM. queue cannot be changed"},
 };
 
 // In the order the attributes of a queue are shown.
