@@ -136,7 +136,8 @@ class Sampler {
       std::fprintf(file_, "%d,%ld,%lld,%lld,%ld\n", second, rssKb, static_cast<long long>(blocks),
                    static_cast<long long>(bytes), anonKb);
       std::fflush(file_);
-      wake_.wait_until(lock, start + std::chrono::seconds(second + 1), [this] { return stopping_; });
+      wake_.wait_until(lock, start + std::chrono::seconds(second + 1),
+                       [this] { return stopping_; });
     }
   }
 
@@ -184,9 +185,8 @@ int serve(const char *csv) {
 // execute
 
 enum Step { kPing, kCreate, kNames, kInquire, kStatus, kDelete, kSteps };
-constexpr const char *kStepNames[kSteps] = {"ping",          "create queue",
-                                            "inquire names", "inquire queue",
-                                            "inquire status", "delete queue"};
+constexpr const char *kStepNames[kSteps] = {"ping",          "create queue",   "inquire names",
+                                            "inquire queue", "inquire status", "delete queue"};
 constexpr int32_t kStepCommands[kSteps] = {CMD_PING,      CMD_CREATE_Q,         CMD_INQUIRE_Q_NAMES,
                                            CMD_INQUIRE_Q, CMD_INQUIRE_Q_STATUS, CMD_DELETE_Q};
 
@@ -283,8 +283,7 @@ int execute(const char *csv, double seconds, int threads, long callsPerRound) {
     Sampler sampler(csv);
     liveBlocks(&blocksBefore, &bytesBefore);
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t)
-      workers.emplace_back(executeThread, t, seconds, &counts);
+    for (int t = 0; t < threads; ++t) workers.emplace_back(executeThread, t, seconds, &counts);
     for (std::thread &w : workers) w.join();
     liveBlocks(&blocksAfter, &bytesAfter);
   }
@@ -303,8 +302,8 @@ int execute(const char *csv, double seconds, int threads, long callsPerRound) {
       "per thread %.2f; svc blocks live before %lld after %lld%s\n",
       threads, calls, static_cast<double>(calls) / elapsed, replies, failures, callsPerRound,
       static_cast<double>(calls) / threads / static_cast<double>(callsPerRound),
-      static_cast<long long>(blocksBefore),
-      static_cast<long long>(blocksAfter), leaked ? " (LEFT BLOCKS)" : "");
+      static_cast<long long>(blocksBefore), static_cast<long long>(blocksAfter),
+      leaked ? " (LEFT BLOCKS)" : "");
   return failures == 0 && calls > 0 && !leaked ? 0 : 1;
 }
 
@@ -416,7 +415,8 @@ int worker(int index, double seconds, long perRound, const char *file) {
     if (std::memcmp(m.msgId, kIdTag, 4) != 0 || id != dataId ||
         persistence != persistenceOf(sequence) || m.persistence != persistence) {
       if (++bad <= 10)
-        std::fprintf(stderr, "soak worker %d: a message not as put: id %llx data %llx persistence %d/%d\n",
+        std::fprintf(stderr,
+                     "soak worker %d: a message not as put: id %llx data %llx persistence %d/%d\n",
                      index, static_cast<unsigned long long>(id),
                      static_cast<unsigned long long>(dataId), persistence, m.persistence);
     }
@@ -505,7 +505,8 @@ int messages(double seconds, int processes, long perRound, const std::string &di
     changes.maxDepth = vxqm::kLargestMaxDepth;
     const int32_t reason = vxqm::admin::createQueue(kQm, messageQueue(q), changes);
     if (reason != 0) {
-      std::printf("RESULT messages: cannot create %s: reason %d\n", messageQueue(q).c_str(), reason);
+      std::printf("RESULT messages: cannot create %s: reason %d\n", messageQueue(q).c_str(),
+                  reason);
       return 1;
     }
   }
@@ -587,8 +588,8 @@ int messages(double seconds, int processes, long perRound, const std::string &di
       "RESULT messages processes %d put %ld (%.0f/s, rounds of %ld per process %.2f) got %ld lost "
       "%ld duplicated %ld unknown %ld left %ld not-as-put %ld%s\n",
       processes, put, static_cast<double>(put) / seconds, perRound,
-      static_cast<double>(put) / static_cast<double>(processes) / static_cast<double>(perRound), got,
-      lost, duplicated, unknown, left, bad, failed ? " (a worker failed)" : "");
+      static_cast<double>(put) / static_cast<double>(processes) / static_cast<double>(perRound),
+      got, lost, duplicated, unknown, left, bad, failed ? " (a worker failed)" : "");
   return accounted ? 0 : 1;
 }
 

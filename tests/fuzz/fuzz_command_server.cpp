@@ -80,11 +80,16 @@ constexpr int kSettleWait = 2000;  // ms
 constexpr int64_t kHeapPerByte = 16;
 constexpr int64_t kHeapConstant = 16 << 20;
 
-const char *const kFormats[] = {"VXADMIN ", "VXPCF   ", "VXEVENT ", "        ",
+const char *const kFormats[] = {"VXADMIN ", "VXPCF   ",         "VXEVENT ", "        ",
                                 "VXSTRING", "\0\0\0\0\0\0\0\0", "vxadmin ", "VXADMIN "};
-const char *const kOtherReplyQueues[] = {kCommandQueue, "SYSTEM.DEFAULT.MODEL.QUEUE",
-                                         "SYSTEM.DEFAULT.LOCAL.QUEUE", "FUZZ.NONE", "VXAI.REPLY.X",
-                                         "fuzz.reply", " FUZZ.REPLY", ""};
+const char *const kOtherReplyQueues[] = {kCommandQueue,
+                                         "SYSTEM.DEFAULT.MODEL.QUEUE",
+                                         "SYSTEM.DEFAULT.LOCAL.QUEUE",
+                                         "FUZZ.NONE",
+                                         "VXAI.REPLY.X",
+                                         "fuzz.reply",
+                                         " FUZZ.REPLY",
+                                         ""};
 constexpr int32_t kCcsids[] = {0, 37, 437, 500, 819, 1047, 1208, 65535};
 
 [[noreturn]] void broken(const char *rule, int32_t value = 0) {
@@ -113,7 +118,8 @@ void onMalloc(const volatile void *, size_t size) {
 
 void onFree(const volatile void *block) {
   // Called before the block is released: its size is still known.
-  liveHeap.fetch_sub(static_cast<int64_t>(__sanitizer_get_allocated_size(const_cast<void *>(block))));
+  liveHeap.fetch_sub(
+      static_cast<int64_t>(__sanitizer_get_allocated_size(const_cast<void *>(block))));
 }
 
 // ----- The queue manager as it was at start ------------------------------------------
@@ -261,7 +267,8 @@ void checkReplies(const char *msgId, bool expected) {
 // At the end of the run, before the leak check: the server's bags are named
 // by handles that the leak checker cannot follow.
 void stopServer() {
-  std::fprintf(stderr, "fuzz_command_server: largest heap growth %lld KiB, for an input of %zu bytes\n",
+  std::fprintf(stderr,
+               "fuzz_command_server: largest heap growth %lld KiB, for an input of %zu bytes\n",
                static_cast<long long>(largestGrowth >> 10), largestGrowthSize);
   vxcsStop(server);
   int32_t cc, rc;
@@ -318,8 +325,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   const uint8_t b0 = data[0], b1 = data[1], b2 = data[2], b3 = data[3];
   size_t offset = kPrefixLength;
-  const size_t nameLength = std::min<size_t>({static_cast<size_t>(b3 & 0x3F), Q_NAME_LENGTH,
-                                              size - offset});
+  const size_t nameLength =
+      std::min<size_t>({static_cast<size_t>(b3 & 0x3F), Q_NAME_LENGTH, size - offset});
   const char *inputName = reinterpret_cast<const char *>(data + offset);
   offset += nameLength;
   const std::vector<char> request(data + offset, data + size);
@@ -364,8 +371,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const bool answered = ping();
 
   const bool qmgrIsThis = (b1 & 3) == 0 || (b1 & 3) == 1;
-  const bool repliesExpected =
-      put && replyTo == 0 && qmgrIsThis && md.expiry == EXPIRY_UNLIMITED;
+  const bool repliesExpected = put && replyTo == 0 && qmgrIsThis && md.expiry == EXPIRY_UNLIMITED;
   // Replies that a request which changed FUZZ.REPLY made impossible are not
   // looked for; the restore below clears whatever is there.
   if (answered && replyQueueKept()) checkReplies(md.msgId, repliesExpected);

@@ -80,7 +80,11 @@ std::optional<std::vector<Structure>> walk(const std::vector<char> &message) {
   for (int32_t i = 0; i < count; ++i) {
     if (at + 8 > length) return std::nullopt;
     Structure s{field(message, at), 0, 0, {}, {}, field(message, at + 4)};
-    const int64_t fixed = s.type == 3 ? 16 : s.type == 4 ? 20 : s.type == 5 ? 16 : s.type == 6 ? 24 : -1;
+    const int64_t fixed = s.type == 3   ? 16
+                          : s.type == 4 ? 20
+                          : s.type == 5 ? 16
+                          : s.type == 6 ? 24
+                                        : -1;
     if (fixed < 0 || s.length < fixed || at + s.length > length || s.length % 4 != 0)
       return std::nullopt;
     s.parameter = field(message, at + 8);
@@ -192,8 +196,8 @@ void checkResult(const std::vector<char> &message, const std::vector<Structure> 
   require(static_cast<int64_t>(result.size()) <=
               vxqm::kMaxConversionGrowth * static_cast<int64_t>(message.size()),
           "the result outgrew the message", from, to);
-  require(std::memcmp(result.data(), message.data(), kHeaderLength) == 0,
-          "the header changed", from, to);
+  require(std::memcmp(result.data(), message.data(), kHeaderLength) == 0, "the header changed",
+          from, to);
   const std::optional<std::vector<Structure>> after = walk(result);
   require(after.has_value(), "the result is not a well-formed message", from, to);
   require(after->size() == before.size(), "the result has another number of structures", from, to);
@@ -224,9 +228,9 @@ void checkResult(const std::vector<char> &message, const std::vector<Structure> 
 void checkRoundTrip(const std::vector<Structure> &before, const std::vector<char> &result,
                     int32_t source, int32_t from, int32_t to) {
   std::vector<char> back;
-  require(vxqm::convertPcfMessage(result.data(), static_cast<int32_t>(result.size()), to, source,
-                                  back),
-          "a result could not be converted back to its source set", from, to);
+  require(
+      vxqm::convertPcfMessage(result.data(), static_cast<int32_t>(result.size()), to, source, back),
+      "a result could not be converted back to its source set", from, to);
   const std::optional<std::vector<Structure>> again = walk(back);
   require(again.has_value() && again->size() == before.size(),
           "the round trip changed the structures", from, to);
@@ -298,10 +302,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   checkResult(message, *structures, result, from, to);
 
   std::vector<char> again;
-  require(vxqm::convertPcfMessage(result.data(), static_cast<int32_t>(result.size()), to, to,
-                                  again) &&
-              again == result,
-          "a result converted to its own set again changed", from, to);
+  require(
+      vxqm::convertPcfMessage(result.data(), static_cast<int32_t>(result.size()), to, to, again) &&
+          again == result,
+      "a result converted to its own set again changed", from, to);
 
   // Every string here came from a set other than the target; strings in the
   // target set already would be converted back too, which nothing promises.

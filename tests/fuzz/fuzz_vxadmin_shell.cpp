@@ -242,8 +242,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (std::string line; count < fuzz::kLargestLineCount && std::getline(text, line); ++count)
     if (fuzz::harmless(line)) lines += line + "\n";
 
-  std::vector<std::string> words = {"vxadmin", "--data", fuzz::dataDirectory, "--wait", "1000",
-                                    "shell"};
+  std::vector<std::string> words = {"vxadmin", "--data", fuzz::dataDirectory,
+                                    "--wait",  "1000",   "shell"};
   if (data[0] & 1) words.push_back("--keep-going");
   if (data[0] & 2) words.push_back("--echo");
   if (data[0] & 4) words.push_back("--json");

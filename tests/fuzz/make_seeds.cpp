@@ -120,24 +120,25 @@ void commandServerSeeds(const std::string &directory) {
   write(directory, "inquire_qmgr", plain + request(CMD_INQUIRE_Q_MGR));
   write(directory, "inquire_qmgr_attrs", plain + request(CMD_INQUIRE_Q_MGR, [](VXHBAG bag) {
                                            addInteger(bag, PARM_Q_MGR_ATTRS, ATTR_Q_MGR_NAME);
-                                           addInteger(bag, PARM_Q_MGR_ATTRS, ATTR_CODED_CHAR_SET_ID);
+                                           addInteger(bag, PARM_Q_MGR_ATTRS,
+                                                      ATTR_CODED_CHAR_SET_ID);
                                          }));
   write(directory, "create_local", plain + request(CMD_CREATE_Q, named("FUZZ.Q1", QTYPE_LOCAL)));
   write(directory, "create_model_all",
         plain + request(CMD_CREATE_Q, named("FUZZ.MODEL", QTYPE_MODEL, allAttributes)));
   write(directory, "change_local_queue",
-        plain + request(CMD_CHANGE_Q,
-                        named("SYSTEM.DEFAULT.LOCAL.QUEUE", QTYPE_LOCAL, allAttributes)));
+        plain +
+            request(CMD_CHANGE_Q, named("SYSTEM.DEFAULT.LOCAL.QUEUE", QTYPE_LOCAL, allAttributes)));
   write(directory, "change_command_queue_get_inhibited",
-        plain + request(CMD_CHANGE_Q, named("SYSTEM.ADMIN.COMMAND.QUEUE", QTYPE_LOCAL,
-                                            [](VXHBAG bag) {
-                                              addInteger(bag, ATTR_INHIBIT_GET, INHIBIT_INHIBITED);
-                                            })));
+        plain +
+            request(CMD_CHANGE_Q, named("SYSTEM.ADMIN.COMMAND.QUEUE", QTYPE_LOCAL, [](VXHBAG bag) {
+                      addInteger(bag, ATTR_INHIBIT_GET, INHIBIT_INHIBITED);
+                    })));
   write(directory, "change_model_put_inhibited",
-        plain + request(CMD_CHANGE_Q, named("SYSTEM.DEFAULT.MODEL.QUEUE", QTYPE_MODEL,
-                                            [](VXHBAG bag) {
-                                              addInteger(bag, ATTR_INHIBIT_PUT, INHIBIT_INHIBITED);
-                                            })));
+        plain +
+            request(CMD_CHANGE_Q, named("SYSTEM.DEFAULT.MODEL.QUEUE", QTYPE_MODEL, [](VXHBAG bag) {
+                      addInteger(bag, ATTR_INHIBIT_PUT, INHIBIT_INHIBITED);
+                    })));
   write(directory, "copy_queue", plain + request(CMD_COPY_Q, [](VXHBAG bag) {
                                    addString(bag, PARM_FROM_Q_NAME, "SYSTEM.DEFAULT.LOCAL.QUEUE");
                                    addString(bag, PARM_TO_Q_NAME, "FUZZ.COPY");
@@ -145,16 +146,16 @@ void commandServerSeeds(const std::string &directory) {
                                    addInteger(bag, ATTR_MAX_Q_DEPTH, 3);
                                  }));
   write(directory, "delete_reply_queue",
-        plain + request(CMD_DELETE_Q, named("FUZZ.REPLY", 0, [](VXHBAG bag) {
-                          addInteger(bag, PARM_PURGE, 1);
-                        })));
+        plain + request(CMD_DELETE_Q, named("FUZZ.REPLY", 0,
+                                            [](VXHBAG bag) { addInteger(bag, PARM_PURGE, 1); })));
   write(directory, "delete_model_queue",
         plain + request(CMD_DELETE_Q, named("SYSTEM.DEFAULT.MODEL.QUEUE", 0)));
   write(directory, "clear_queue",
         plain + request(CMD_CLEAR_Q, named("SYSTEM.DEFAULT.LOCAL.QUEUE", 0)));
-  write(directory, "inquire_queues_all", plain + request(CMD_INQUIRE_Q, named("*", 0, [](VXHBAG bag) {
-                                           addInteger(bag, PARM_Q_ATTRS, PARM_ALL);
-                                         })));
+  write(directory, "inquire_queues_all",
+        plain + request(CMD_INQUIRE_Q, named("*", 0, [](VXHBAG bag) {
+                          addInteger(bag, PARM_Q_ATTRS, PARM_ALL);
+                        })));
   write(directory, "inquire_queue_some",
         plain + request(CMD_INQUIRE_Q, named("SYSTEM.*", QTYPE_LOCAL, [](VXHBAG bag) {
                           addInteger(bag, PARM_Q_ATTRS, ATTR_CURRENT_DEPTH);
@@ -172,8 +173,9 @@ void commandServerSeeds(const std::string &directory) {
                           addInteger(bag, SEL_INQUIRY_ITEM, ATTR_CURRENT_DEPTH);
                         })));
   write(directory, "unknown_command", plain + request(99));
-  write(directory, "unknown_parameter",
-        plain + request(CMD_CLEAR_Q, named("FUZZ.Q", 0, [](VXHBAG bag) { addInteger(bag, 77, 1); })));
+  write(
+      directory, "unknown_parameter",
+      plain + request(CMD_CLEAR_Q, named("FUZZ.Q", 0, [](VXHBAG bag) { addInteger(bag, 77, 1); })));
   // Descriptors: a datagram with no reply-to queue, a request answered on
   // the model queue, one whose format is not an administration message,
   // another encoding, a character set, an expiry, a reply-to name of the
@@ -204,13 +206,13 @@ std::string sets(uint8_t from, uint8_t to) {
 void convertSeeds(const std::string &directory) {
   const std::string latin1 = "caf\xe9 na\xefve \xa4 \xff";
   const std::string utf8 = "caf\xc3\xa9 \xe2\x82\xac";
-  write(directory, "reply_819_to_1208", sets(4, 8) + message(BAG_OPT_ADMIN_BAG, CMD_INQUIRE_Q,
-                                                              [&](VXHBAG bag) {
-                                                                setCcsid(bag, 819);
-                                                                addString(bag, ATTR_Q_NAME, "Q1");
-                                                                addString(bag, ATTR_Q_DESC, latin1);
-                                                                addInteger(bag, ATTR_Q_TYPE, 1);
-                                                              }));
+  write(directory, "reply_819_to_1208",
+        sets(4, 8) + message(BAG_OPT_ADMIN_BAG, CMD_INQUIRE_Q, [&](VXHBAG bag) {
+          setCcsid(bag, 819);
+          addString(bag, ATTR_Q_NAME, "Q1");
+          addString(bag, ATTR_Q_DESC, latin1);
+          addInteger(bag, ATTR_Q_TYPE, 1);
+        }));
   write(directory, "utf8_to_500", sets(8, 3) + message(0, 0, [&](VXHBAG bag) {
                                     setCcsid(bag, 1208);
                                     addString(bag, 2001, utf8);
@@ -247,15 +249,14 @@ void convertSeeds(const std::string &directory) {
                                           setCcsid(bag, 1208);
                                           addString(bag, 2001, utf8);
                                         }));
-  write(directory, "unknown_set", sets(11, 8) + message(0, 0, [&](VXHBAG bag) {
-                                    addString(bag, 2001, "x");
-                                  }));
-  write(directory, "integers_only", sets(0, 3) + message(BAG_OPT_LIST_FORM_ALLOWED, 0,
-                                                         [&](VXHBAG bag) {
-                                                           addInteger(bag, 1, 7);
-                                                           addInteger(bag, 5, 1);
-                                                           addInteger(bag, 5, 2);
-                                                         }));
+  write(directory, "unknown_set",
+        sets(11, 8) + message(0, 0, [&](VXHBAG bag) { addString(bag, 2001, "x"); }));
+  write(directory, "integers_only",
+        sets(0, 3) + message(BAG_OPT_LIST_FORM_ALLOWED, 0, [&](VXHBAG bag) {
+          addInteger(bag, 1, 7);
+          addInteger(bag, 5, 1);
+          addInteger(bag, 5, 2);
+        }));
 }
 
 }  // namespace

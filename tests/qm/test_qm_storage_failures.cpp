@@ -73,7 +73,8 @@ ShimFile *shim(sqlite3_file *file) { return reinterpret_cast<ShimFile *>(file); 
 Target targetOf(const char *name) {
   if (name == nullptr) return kNone;
   for (int t = 0; t < kTargets; ++t) {
-    if (!gDirectory[t].empty() && std::strncmp(name, gDirectory[t].c_str(), gDirectory[t].size()) == 0) {
+    if (!gDirectory[t].empty() &&
+        std::strncmp(name, gDirectory[t].c_str(), gDirectory[t].size()) == 0) {
       return static_cast<Target>(t);
     }
   }
@@ -480,8 +481,8 @@ TEST_F(StorageFailures, AFullDiskRefusesAPersistentPutAndLosesNothing) {
     vxPUTOPTS pmo = PMO_DEFAULT;
     Status s;
     std::string data = payload(102, 100);
-    qmPUT1(c.hconn(), &od, &md, &pmo, static_cast<int32_t>(data.size()), data.data(),
-           &s.compCode, &s.reason);
+    qmPUT1(c.hconn(), &od, &md, &pmo, static_cast<int32_t>(data.size()), data.data(), &s.compCode,
+           &s.reason);
     EXPECT_EQ(s, failed(RC_STORE_FULL));
   }
   // Administration that writes to the disk is refused; what reads is not.
