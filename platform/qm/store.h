@@ -202,7 +202,7 @@ struct SqlitePaths {
   std::string database;
   std::string companion;
   bool syncCommits = true;
-  std::string qmName;  // whose failures the store records (lastStoreFailure)
+  std::string qmName = "";  // whose failures the store records (lastStoreFailure)
 };
 
 // The SQLite store, shared by every process that opens the same files

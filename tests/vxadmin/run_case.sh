@@ -6,7 +6,9 @@
 #
 #   run_case.sh VXADMIN CASE GOLDEN     (UPDATE=1 writes the golden file)
 #
-# The case runs in a directory of its own holding the files of files/.
+# The case runs in a directory of its own holding the files of files/, on
+# an empty data directory that is there (mode 0700): the queue manager is
+# made by the case's first command, which says so on standard error.
 # A case file holds a line "args: ..." (the arguments, as shell words),
 # then optionally a line "---" and the text given on standard input.
 set -u
@@ -16,6 +18,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 work=$(cd "$work" && pwd -P)
 cp "$(dirname "$0")/files/"* "$work/"
+mkdir -m 700 "$work/data"
 
 args=$(sed -n 's/^args: //p' "$case" | head -n 1)
 sed '1,/^---$/d' "$case" > "$work/stdin"

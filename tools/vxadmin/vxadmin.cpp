@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "command_server.h"
+#include "qm_admin.h"
 #include "vxai.h"
 #include "vxnames.h"
 #include "vxqi.h"
@@ -261,6 +262,8 @@ struct Outcome {
 struct GlobalOptions {
   std::string qmgr = "QM1";
   std::string data;
+  bool dataGiven = false;  // --data was given, even as ""
+  bool direct = false;     // --direct: the administration interface, not the command server
   bool json = false;
   std::string wait;
 };
@@ -268,11 +271,16 @@ struct GlobalOptions {
 constexpr char kCommandQueue[] = "SYSTEM.ADMIN.COMMAND.QUEUE";
 
 // The data directory: --data, else VXQM_DATA, else the user's state
-// directory.  Empty when none can be named.
-std::string dataDirectoryOf(const GlobalOptions &options) {
+// directory.  Empty when none can be named.  *named tells whether the user
+// named it (--data or VXQM_DATA) rather than it being the default.
+std::string dataDirectoryOf(const GlobalOptions &options, bool *named = nullptr) {
+  if (options.dataGiven && options.data.empty())
+    throw Outcome{kFailure, "--data: the name of the data directory is empty"};
+  if (named) *named = true;
   if (!options.data.empty()) return options.data;
   const char *fromEnv = std::getenv("VXQM_DATA");
   if (fromEnv && fromEnv[0]) return fromEnv;
+  if (named) *named = false;
   const char *state = std::getenv("XDG_STATE_HOME");
   const char *home = std::getenv("HOME");
   if (state && state[0] == '/') return std::string(state) + "/vxai";
@@ -288,22 +296,121 @@ std::string absolutePath(const std::string &path) {
   return result;
 }
 
+// A line on standard error that tells what the tool did on its own.
+void notice(const std::string &text) { std::cerr << "vxadmin: " << text << std::endl; }
+
+// The directory a store failure is about: the path itself when it names the
+// data directory, else the directory of the file.
+std::string directoryOf(const vxqm::admin::StoreFailure &failure) {
+  using vxqm::admin::StoreProblem;
+  if (failure.problem == StoreProblem::kUnsafeDirectory ||
+      failure.problem == StoreProblem::kMissingDirectory ||
+      failure.problem == StoreProblem::kNotADirectory)
+    return failure.path;
+  size_t slash = failure.path.rfind('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : failure.path.substr(0, slash);
+}
+
+// What a person does next about a store failure.
+std::string nextStep(const vxqm::admin::StoreFailure &failure) {
+  using vxqm::admin::StoreProblem;
+  const std::string dir = directoryOf(failure);
+  switch (failure.problem) {
+    case StoreProblem::kPermission:
+      return "check the permissions of " + dir + " and of the queue manager's files in it";
+    case StoreProblem::kReadOnly:
+      return "make " + dir + " writable (is its file system mounted read-only?)";
+    case StoreProblem::kFull:
+      return "the disk is full: make room on the file system of " + dir;
+    case StoreProblem::kNotADatabase:
+      return "the file is not a database: move it away (a new, empty queue manager is then "
+             "made) or give --data the directory of the right one";
+    case StoreProblem::kDamaged:
+      return "the database is damaged: restore it from a backup, or move it away to start an "
+             "empty queue manager";
+    case StoreProblem::kBusy:
+      return "other processes hold the database: try again, or stop them";
+    case StoreProblem::kUnsafeDirectory:
+      return "use a directory of your own that no one else may write (chmod 700 " + dir +
+             "), or give --data another one";
+    case StoreProblem::kMissingDirectory:
+      return "make its parent first, or check the name given to --data or VXQM_DATA";
+    case StoreProblem::kNotADirectory:
+      return "give --data a directory";
+    case StoreProblem::kOther:
+      break;
+  }
+  return "check " + dir + " and the queue manager's files in it";
+}
+
+// The lines that follow the reason line of a store failure: the file, the
+// cause and what the store was doing, then the next step.
+std::string storeFailureLines(const vxqm::admin::StoreFailure &failure) {
+  return "\n" + failure.path + ": " + failure.cause + " (" + failure.action + ")" +
+         "\nwhat to do: " + nextStep(failure);
+}
+
+// `line` with the account of the queue manager's last store failure when
+// `reason` is a store reason and the failure happened in this process.
+std::string withStoreFailure(const std::string &qmgr, int32_t reason, const std::string &line) {
+  if (reason != RC_STORE_ERROR && reason != RC_STORE_FULL && reason != RC_STORE_READ_ONLY)
+    return line;
+  vxqm::admin::StoreFailure failure;
+  if (!vxqm::admin::lastStoreFailure(qmgr, &failure) || failure.reason != reason) return line;
+  return line + storeFailureLines(failure);
+}
+
+// A data directory that another user owns or that others may write is
+// refused, as the queue manager refuses it: another user could read the
+// messages in its files, or replace them.
+void checkDataDirectory(const std::string &dir) {
+  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  struct stat info;
+  std::string problem;
+  if (fd < 0 || fstat(fd, &info) != 0)
+    problem = std::strerror(errno);
+  else if (info.st_uid != geteuid())
+    problem = "it belongs to another user";
+  else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    problem = "group or others may write it";
+  if (fd >= 0) close(fd);
+  if (problem.empty()) return;
+  vxqm::admin::StoreFailure failure{RC_STORE_ERROR, vxqm::admin::StoreProblem::kUnsafeDirectory,
+                                    dir, "checking the data directory", problem};
+  throw Outcome{kFailure, "data directory " + dir + ": " + vxnames::describeReason(RC_STORE_ERROR) +
+                              storeFailureLines(failure)};
+}
+
 // Makes the data directory (mode 0700) and hands it to the queue manager
 // as VXQM_DATA, which it reads when it is created in this process: before
-// the first connect.  Returns the directory's absolute path.
+// the first connect.  A directory the user named is made one level deep
+// only: a mistyped path is not made whole.  The default one is made with
+// its parents under the user's state directory.  Returns the directory's
+// absolute path.
 std::string prepareDataDirectory(const GlobalOptions &options) {
-  std::string dir = dataDirectoryOf(options);
+  bool named = false;
+  std::string dir = dataDirectoryOf(options, &named);
   if (dir.empty()) throw Outcome{kFailure, "no data directory: give --data DIR or set VXQM_DATA"};
-  for (size_t slash = 1; slash <= dir.size(); ++slash) {
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  for (size_t slash = named ? dir.size() : 1; slash <= dir.size(); ++slash) {
     if (slash != dir.size() && dir[slash] != '/') continue;
     std::string part = dir.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
+    if (mkdir(part.c_str(), 0700) == 0) {
+      chmod(part.c_str(), 0700);  // the umask may only have taken permissions away
+      if (slash == dir.size()) notice("made the data directory " + absolutePath(dir));
+    } else if (errno == ENOENT && named) {
+      throw Outcome{kFailure, "data directory " + dir +
+                                  ": its parent directory does not exist (only the last level "
+                                  "is made: make the parent first, or check the name)"};
+    } else if (errno != EEXIST) {
       throw Outcome{kFailure, "data directory " + dir + ": " + std::strerror(errno)};
+    }
   }
   struct stat info;
   if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
     throw Outcome{kFailure, "data directory " + dir + ": not a directory"};
   dir = absolutePath(dir);
+  checkDataDirectory(dir);
   setenv("VXQM_DATA", dir.c_str(), 1);
   return dir;
 }
@@ -320,17 +427,27 @@ struct DataFiles {
   std::string directory, database, pidFile, logFile;
 };
 
-// The queue manager's own rule for names; checked before a name becomes
-// part of a file name.
+// The queue manager's own rule for the name of a queue manager with a data
+// directory; checked before a name becomes part of a file name.  The
+// characters of object names, and no path: no '/', no '.' first.
 void checkQmgrName(const std::string &qmgr) {
   bool valid = !qmgr.empty() && qmgr.size() <= QM_NAME_LENGTH &&
                std::all_of(qmgr.begin(), qmgr.end(), [](char c) {
                  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
                         (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '/' || c == '%';
                });
-  if (!valid)
-    throw Outcome{kFailure,
-                  "queue manager " + qmgr + ": " + vxnames::describeReason(RC_Q_MGR_NAME_ERROR)};
+  std::string why;
+  if (valid && (qmgr[0] == '.' || qmgr.find('/') != std::string::npos))
+    why = " (the name of a queue manager names its files: no '/', and no '.' first)";
+  if (!valid || !why.empty())
+    throw Outcome{kFailure, "queue manager " + qmgr + ": " +
+                                vxnames::describeReason(RC_Q_MGR_NAME_ERROR) + why};
+}
+
+// Whether the database of the queue manager is there.
+bool databaseExists(const std::string &database) {
+  struct stat info;
+  return lstat(database.c_str(), &info) == 0;
 }
 
 void sleepFor(int milliseconds) {
@@ -477,22 +594,35 @@ class Session {
 
   VXHCONN connection() {
     if (hconn_ != 0) return hconn_;
-    dataDirectory_ = prepareDataDirectory(options_);
+    const bool existed = prepare();
     char name[QM_NAME_LENGTH + 1] = {};
     std::strncpy(name, options_.qmgr.c_str(), QM_NAME_LENGTH);
     int32_t compCode, reason;
-    if (options_.qmgr.size() > QM_NAME_LENGTH) {
-      compCode = CC_FAILED;
-      reason = RC_Q_MGR_NAME_ERROR;
-    } else {
-      VXCONN(name, &hconn_, &compCode, &reason);
-    }
+    VXCONN(name, &hconn_, &compCode, &reason);
     if (compCode == CC_FAILED) {
       hconn_ = 0;
-      throw Outcome{kFailure,
-                    "queue manager " + options_.qmgr + ": " + vxnames::describeReason(reason)};
+      throw Outcome{kFailure, withStoreFailure(options_.qmgr, reason,
+                                               "queue manager " + options_.qmgr + ": " +
+                                                   vxnames::describeReason(reason))};
     }
+    noteMade(existed);
     return hconn_;
+  }
+
+  // --direct: the queue manager opened in this process through its
+  // administration interface; no command server is used.
+  bool direct() const { return options_.direct; }
+  void openDirect() {
+    if (directOpened_) return;
+    const bool existed = prepare();
+    std::vector<std::string> names;
+    int32_t reason = vxqm::admin::listQueues(options_.qmgr, kCommandQueue, 0, &names);
+    if (reason != RC_NONE)
+      throw Outcome{kFailure, withStoreFailure(options_.qmgr, reason,
+                                               "queue manager " + options_.qmgr + ": " +
+                                                   vxnames::describeReason(reason))};
+    noteMade(existed);
+    directOpened_ = true;
   }
 
   // Makes sure that a command server reads the command queue.
@@ -538,8 +668,28 @@ class Session {
   void setWait(const std::string &wait) { options_.wait = wait; }
 
  private:
+  // Checks the name and makes the data directory, once; returns whether the
+  // queue manager's database was there before.
+  bool prepare() {
+    if (dataDirectory_.empty()) {
+      checkQmgrName(options_.qmgr);
+      dataDirectory_ = prepareDataDirectory(options_);
+    }
+    return databaseExists(files().database);
+  }
+  // A queue manager that a command made anew is told, so that a mistyped
+  // --qmgr is seen at once.
+  void noteMade(bool existed) {
+    if (!existed && !madeNoted_ && databaseExists(files().database)) {
+      madeNoted_ = true;
+      notice("made queue manager " + options_.qmgr + " in " + dataDirectory_);
+    }
+  }
+
   GlobalOptions options_;
   std::string dataDirectory_;
+  bool directOpened_ = false;
+  bool madeNoted_ = false;
   vxcsSERVER *server_ = nullptr;
   bool serverChosen_ = false;
   pid_t serverPid_ = 0;
@@ -581,6 +731,7 @@ Replies execute(Session &session, const std::string &what, int32_t command, Bag 
   Bag &reply = *replyBag;
   Replies replies;
   std::string failure;
+  int32_t failedReason = reason;
   for (int32_t i = 0; i < count; ++i) {
     VXHBAG nested = BAG_NONE;
     vxInquireBag(reply.get(), SEL_NESTED_REPLY_BAG, i, &nested, &cc, &rc);
@@ -590,6 +741,7 @@ Replies execute(Session &session, const std::string &what, int32_t command, Bag 
     if (replyCompCode == CC_OK) {
       replies.objects.push_back(bagToJson(nested));
     } else if (failure.empty()) {
+      failedReason = replyReason;
       failure = what + ": " + vxnames::describeReason(replyReason);
       vxInquireInteger(nested, PARM_ERROR_PARAMETER, ITEM_INDEX_NONE, &parameter, &cc, &rc);
       if (cc == CC_OK) failure += " (parameter " + vxnames::selectorKey(parameter) + ")";
@@ -597,7 +749,7 @@ Replies execute(Session &session, const std::string &what, int32_t command, Bag 
   }
   if (compCode == CC_OK) return replies;
   if (failure.empty()) failure = what + ": " + vxnames::describeReason(reason);
-  throw Outcome{kFailure, failure};
+  throw Outcome{kFailure, withStoreFailure(session.qmgr(), failedReason, failure)};
 }
 
 // The attributes that create, change and copy take, as options.
@@ -664,11 +816,12 @@ struct Arguments {
 struct Parser {
   CLI::App app{"vxadmin: administers the queue manager of this machine", "vxadmin"};
   Arguments args;
+  const bool inShell;
   CLI::App *ping, *show, *showQmgr, *showQueue, *create, *createQueue, *change, *changeQueue, *copy,
       *copyQueue, *del, *deleteQueue, *clear, *clearQueue, *list, *listQueues, *status, *put, *get,
       *shell, *serve, *start, *stop;
 
-  explicit Parser(bool inShell) {
+  explicit Parser(bool inShell) : inShell(inShell) {
     app.allow_extras();
     app.set_help_flag("-h,--help", "print this help and exit");
     if (!inShell) {
@@ -678,6 +831,9 @@ struct Parser {
                      "data directory (default $VXQM_DATA, $XDG_STATE_HOME/vxai or "
                      "~/.local/state/vxai)")
           ->type_name("DIR");
+      app.add_flag("--direct", args.global.direct,
+                   "carry out queue commands in this process through the queue manager's "
+                   "administration interface, without the command server (for recovery)");
     }
     app.add_flag("--json", args.global.json, "write one JSON document per command");
     app.add_option("--wait", args.global.wait,
@@ -811,6 +967,7 @@ Outcome runCommand(Parser &parser, std::vector<std::string> words, Session *sess
       message = message.substr(0, colon) + ": missing value";
     return {kFailure, (path.empty() ? "" : path + ": ") + message};
   }
+  if (!parser.inShell) parser.args.global.dataGiven = parser.app.count("--data") > 0;
   std::string path;
   CLI::App *leaf = leafOf(parser.app, &path);
   std::vector<std::string> extra = parser.app.remaining(true);
@@ -885,7 +1042,9 @@ Outcome putMessage(Parser &parser, Session &session, std::istream *commandInput)
   pmo.options = PUT_NO_SYNCPOINT;
   int32_t compCode, reason;
   VXPUT1(hconn, &od, &md, &pmo, static_cast<int32_t>(data.size()), data.data(), &compCode, &reason);
-  if (compCode == CC_FAILED) return {kFailure, what + ": " + vxnames::describeReason(reason)};
+  if (compCode == CC_FAILED)
+    return {kFailure, withStoreFailure(session.qmgr(), reason,
+                                       what + ": " + vxnames::describeReason(reason))};
   Json document;
   document["q_name"] = args.name;
   document["msg_id"] = hex(md.msgId, MSG_ID_LENGTH);
@@ -934,7 +1093,8 @@ Outcome getMessages(Parser &parser, Session &session) {
     }
     if (compCode == CC_FAILED) {
       if (got == 0)
-        outcome = {kFailure, what + ": " + vxnames::describeReason(reason)};
+        outcome = {kFailure, withStoreFailure(session.qmgr(), reason,
+                                              what + ": " + vxnames::describeReason(reason))};
       else if (parser.get->count("--count"))
         outcome = {kWarning, what + ": " + std::to_string(got) + " of " + std::to_string(count) +
                                  " messages: " + vxnames::describeReason(reason)};
@@ -969,8 +1129,10 @@ Outcome getMessages(Parser &parser, Session &session) {
 // tool's own included.
 constexpr char kReplyQueuePrefix[] = "VXAI.REPLY.";
 
+bool isReplyQueue(const std::string &name) { return name.rfind(kReplyQueuePrefix, 0) == 0; }
+
 bool isReplyQueue(const Json &name) {
-  return name.is_string() && name.get<std::string>().rfind(kReplyQueuePrefix, 0) == 0;
+  return name.is_string() && isReplyQueue(name.get<std::string>());
 }
 
 // ----- A command server of its own: serve, start and stop ---------------------
@@ -1051,9 +1213,10 @@ int serve(const GlobalOptions &options, int ready) {
   sigaddset(&stopSignals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   try {
-    std::string dir = prepareDataDirectory(options);
     checkQmgrName(options.qmgr);
+    std::string dir = prepareDataDirectory(options);
     DataFiles files(dir, options.qmgr);
+    const bool existed = databaseExists(files.database);
     PidFile pidFile(files.pidFile);
     pid_t holder = 0;
     if (!pidFile.acquire(&holder))
@@ -1061,7 +1224,11 @@ int serve(const GlobalOptions &options, int ready) {
     vxcsSERVER *server = nullptr;
     int32_t reason = vxcsStart(options.qmgr.c_str(), &server);
     if (reason == 0 && (reason = pingCommandServer(options.qmgr)) != 0) vxcsStop(server);
-    if (reason != 0) return fail(subject + " does not start: " + vxnames::describeReason(reason));
+    if (reason != 0)
+      return fail(withStoreFailure(
+          options.qmgr, reason, subject + " does not start: " + vxnames::describeReason(reason)));
+    if (!existed && databaseExists(files.database))
+      logEvent("made queue manager " + options.qmgr + " in " + dir);
     logEvent(subject + " started (pid " + std::to_string(getpid()) + ", data directory " + dir +
              ", database " + files.database + ")");
     report(&ready, "ready " + std::to_string(getpid()));
@@ -1148,8 +1315,8 @@ Outcome startServer(Parser &parser) {
   const std::string subject = "command server of queue manager " + options.qmgr;
   int32_t wait = options.wait.empty() ? 30000 : parseNumber("--wait", options.wait);
   // The daemon works from "/": it takes the directory as an absolute path.
-  options.data = prepareDataDirectory(options);
   checkQmgrName(options.qmgr);
+  options.data = prepareDataDirectory(options);
   DataFiles files(options.data, options.qmgr);
   pid_t running = lockHolder(files.pidFile);
   if (running != 0)
@@ -1270,10 +1437,219 @@ Outcome stopServer(Parser &parser) {
   return {};
 }
 
+// ----- --direct: the administration interface, without the command server ----
+
+// The attributes of create, change and copy as the queue manager takes them.
+vxqm::QueueChanges queueChanges(const QueueAttributes &attributes, CLI::App *command) {
+  vxqm::QueueChanges changes;
+  if (command->count("--description")) changes.description = attributes.description;
+  if (!attributes.maxDepth.empty())
+    changes.maxDepth = parseNumber("--max-depth", attributes.maxDepth);
+  if (!attributes.maxMsgLength.empty())
+    changes.maxMsgLength = parseNumber("--max-msg-length", attributes.maxMsgLength);
+  if (!attributes.defPriority.empty())
+    changes.defaultPriority = parseNumber("--def-priority", attributes.defPriority);
+  if (!attributes.defPersistence.empty())
+    changes.defaultPersistence =
+        parseValue("--def-persistence", ATTR_DEF_PERSISTENCE, attributes.defPersistence);
+  if (!attributes.getState.empty())
+    changes.inhibitGet = parseValue("--get", ATTR_INHIBIT_GET, attributes.getState);
+  if (!attributes.putState.empty())
+    changes.inhibitPut = parseValue("--put", ATTR_INHIBIT_PUT, attributes.putState);
+  return changes;
+}
+
+// An attribute's value as the command server's replies show it: the name
+// of an enumeration's value, else the number.
+Json attributeValue(int32_t selector, int32_t value) {
+  const char *name = vxnames::valueName(selector, value);
+  return name ? Json(name) : Json(value);
+}
+
+// Fails with the reason of an administration call, and the account of a
+// store failure.
+void checkDirect(const Session &session, const std::string &what, int32_t reason) {
+  if (reason != RC_NONE)
+    throw Outcome{kFailure, withStoreFailure(session.qmgr(), reason,
+                                             what + ": " + vxnames::describeReason(reason))};
+}
+
+// The queues whose names match `pattern`, without the reply queues of
+// commands unless `all`; none is RC_UNKNOWN_OBJECT_NAME, as the command
+// server replies.
+std::vector<std::string> directQueues(Session &session, const std::string &what,
+                                      const std::string &pattern, bool all) {
+  std::vector<std::string> names;
+  checkDirect(session, what, vxqm::admin::listQueues(session.qmgr(), pattern, 0, &names));
+  if (!all) std::erase_if(names, [](const std::string &name) { return isReplyQueue(name); });
+  return names;
+}
+
+// The queue manager's attributes, inquired through the queue interface.
+Json directQueueManager(Session &session) {
+  VXHCONN hconn = session.connection();
+  vxOBJDESC od = OD_DEFAULT;
+  od.objectType = OBJTYPE_Q_MGR;
+  VXHOBJ hobj = 0;
+  int32_t compCode, reason;
+  VXOPEN(hconn, &od, OPEN_INQUIRE, &hobj, &compCode, &reason);
+  if (compCode == CC_FAILED) checkDirect(session, "show qmgr", reason);
+  int32_t selectors[] = {ATTR_CODED_CHAR_SET_ID, ATTR_Q_MGR_NAME};
+  int32_t ccsid = 0;
+  char name[QM_NAME_LENGTH];
+  VXINQ(hconn, hobj, 2, selectors, 1, &ccsid, QM_NAME_LENGTH, name, &compCode, &reason);
+  int32_t cc, rc;
+  VXCLOSE(hconn, &hobj, CLOSE_NONE, &cc, &rc);
+  if (compCode == CC_FAILED) checkDirect(session, "show qmgr", reason);
+  Json document;
+  document[vxnames::selectorKey(ATTR_Q_MGR_NAME)] = trimmed(name, QM_NAME_LENGTH);
+  document[vxnames::selectorKey(ATTR_CODED_CHAR_SET_ID)] = ccsid;
+  return document;
+}
+
+// Carries out a queue command of --direct through the queue manager's
+// administration interface, in this process: the way back when the command
+// server cannot answer (its queue inhibited, say).  Returns nothing for a
+// command that needs no command server anyway (put, get, shell).
+std::optional<Outcome> runDirect(Parser &parser, Session &session) {
+  const Arguments &args = parser.args;
+  const std::string &qm = session.qmgr();
+  auto done = [&](const std::string &name, const std::string &result) {
+    Json document;
+    document["q_name"] = name;
+    document["result"] = result;
+    emit(parser, document, "queue " + name + " " + result + "\n");
+    return Outcome{};
+  };
+  for (CLI::App *needsServer : {parser.ping, parser.serve, parser.start, parser.stop})
+    if (needsServer && needsServer->parsed())
+      return Outcome{kFailure, needsServer->get_name() +
+                                   ": --direct works without the command server; this command "
+                                   "needs it"};
+  if (parser.put->parsed() || parser.get->parsed() || (parser.shell && parser.shell->parsed()))
+    return std::nullopt;
+  session.openDirect();
+  if (parser.createQueue->parsed()) {
+    vxqm::QueueChanges changes = queueChanges(args.attributes, parser.createQueue);
+    changes.queueType = parseValue("--type", ATTR_Q_TYPE, args.type);
+    checkDirect(session, "create queue " + args.name,
+                vxqm::admin::createQueue(qm, args.name, changes));
+    return done(args.name, "created");
+  }
+  if (parser.changeQueue->parsed()) {
+    checkDirect(
+        session, "change queue " + args.name,
+        vxqm::admin::changeQueue(qm, args.name, queueChanges(args.attributes, parser.changeQueue)));
+    return done(args.name, "changed");
+  }
+  if (parser.copyQueue->parsed()) {
+    checkDirect(session, "copy queue " + args.name + " " + args.toName,
+                vxqm::admin::copyQueue(qm, args.name, args.toName,
+                                       queueChanges(args.attributes, parser.copyQueue)));
+    return done(args.toName, "copied");
+  }
+  if (parser.deleteQueue->parsed()) {
+    checkDirect(session, "delete queue " + args.name,
+                vxqm::admin::deleteQueue(qm, args.name, args.purge));
+    return done(args.name, "deleted");
+  }
+  if (parser.clearQueue->parsed()) {
+    checkDirect(session, "clear queue " + args.name, vxqm::admin::clearQueue(qm, args.name));
+    return done(args.name, "cleared");
+  }
+  if (parser.listQueues->parsed()) {
+    std::string pattern = args.pattern.empty() ? "*" : args.pattern;
+    Json names = Json::array();
+    std::vector<std::vector<std::string>> rows{{"Q_NAME"}};
+    for (const std::string &name :
+         directQueues(session, "list queues " + pattern, pattern, args.all)) {
+      names.push_back(name);
+      rows.push_back({name});
+    }
+    Json document;
+    document["q_names"] = names;
+    std::ostringstream text;
+    printTable(text, rows);
+    emit(parser, document, text.str());
+    return Outcome{};
+  }
+  if (parser.showQueue->parsed() || parser.status->parsed()) {
+    const bool show = parser.showQueue->parsed();
+    const std::string pattern = show ? args.name : args.pattern.empty() ? "*" : args.pattern;
+    const std::string what = (show ? "show queue " : "status ") + pattern;
+    if (show && pattern.find('*') != std::string::npos)
+      throw Outcome{kFailure, what + ": " + vxnames::describeReason(RC_OBJECT_NAME_ERROR) +
+                                  " (a pattern: use list queues or status)"};
+    Json queues = Json::array();
+    for (const std::string &name : directQueues(session, what, pattern, show || args.all)) {
+      vxqm::QueueDefinition definition;
+      vxqm::QueueStatus status;
+      int32_t reason = show ? vxqm::admin::queueAttributes(qm, name, &definition) : RC_NONE;
+      if (reason == RC_NONE) reason = vxqm::admin::queueStatus(qm, name, &status);
+      if (reason == RC_UNKNOWN_OBJECT_NAME) continue;  // deleted meanwhile
+      checkDirect(session, what, reason);
+      Json object;
+      object[vxnames::selectorKey(ATTR_Q_NAME)] = name;
+      if (show) {
+        object[vxnames::selectorKey(ATTR_Q_TYPE)] =
+            attributeValue(ATTR_Q_TYPE, definition.queueType);
+        object[vxnames::selectorKey(ATTR_Q_DESC)] = definition.description;
+        object[vxnames::selectorKey(ATTR_DEF_PERSISTENCE)] =
+            attributeValue(ATTR_DEF_PERSISTENCE, definition.defaultPersistence);
+        object[vxnames::selectorKey(ATTR_DEF_PRIORITY)] = definition.defaultPriority;
+        object[vxnames::selectorKey(ATTR_DEFINITION_TYPE)] =
+            attributeValue(ATTR_DEFINITION_TYPE, definition.definitionType);
+        object[vxnames::selectorKey(ATTR_INHIBIT_GET)] =
+            attributeValue(ATTR_INHIBIT_GET, definition.inhibitGet);
+        object[vxnames::selectorKey(ATTR_INHIBIT_PUT)] =
+            attributeValue(ATTR_INHIBIT_PUT, definition.inhibitPut);
+        object[vxnames::selectorKey(ATTR_MAX_MSG_LENGTH)] = definition.maxMsgLength;
+        object[vxnames::selectorKey(ATTR_MAX_Q_DEPTH)] = definition.maxDepth;
+      }
+      object[vxnames::selectorKey(ATTR_CURRENT_DEPTH)] = status.depth;
+      object[vxnames::selectorKey(ATTR_OPEN_INPUT_COUNT)] = status.openInputCount;
+      object[vxnames::selectorKey(ATTR_OPEN_OUTPUT_COUNT)] = status.openOutputCount;
+      queues.push_back(object);
+    }
+    if (queues.empty()) checkDirect(session, what, RC_UNKNOWN_OBJECT_NAME);
+    std::ostringstream text;
+    if (show) {
+      printObject(text, queues[0]);
+      emit(parser, queues[0], text.str());
+    } else {
+      Json document;
+      document["queues"] = queues;
+      printRows(text, queues);
+      emit(parser, document, text.str());
+    }
+    return Outcome{};
+  }
+  if (parser.showQmgr->parsed()) {
+    Json document = directQueueManager(session);
+    Json shown = document;
+    DataFiles files = session.files();
+    document["command_server"] = "not used (--direct)";
+    document["data_directory"] = files.directory;
+    document["database"] = files.database;
+    shown["command_server"] = "not used (--direct)";
+    shown["data_directory"] = files.directory;
+    shown["database"] = files.database;
+    std::ostringstream text;
+    printObject(text, shown);
+    emit(parser, document, text.str());
+    return Outcome{};
+  }
+  return std::nullopt;
+}
+
 Outcome runParsed(Parser &parser, Session &session, std::istream *commandInput) {
   const Arguments &args = parser.args;
   try {
     if (!args.global.wait.empty()) session.setWait(args.global.wait);
+    if (session.direct()) {
+      std::optional<Outcome> outcome = runDirect(parser, session);
+      if (outcome) return *outcome;
+    }
     if (parser.ping->parsed()) {
       Bag request;
       execute(session, "ping", CMD_PING, request);
@@ -1455,6 +1831,15 @@ std::vector<std::string> splitLine(const std::string &line) {
   return words;
 }
 
+// An error or warning on standard error: its first line after `where`, each
+// line that follows (the account of a store failure) on a line of its own.
+void printMessage(const std::string &where, const std::string &message) {
+  std::istringstream lines(message);
+  std::string line;
+  for (bool first = true; std::getline(lines, line); first = false)
+    std::cerr << "vxadmin: " << (first ? where : "") << line << "\n";
+}
+
 Outcome runShell(Parser &parser, Session &session) {
   std::ifstream file;
   std::istream *in = &std::cin;
@@ -1485,7 +1870,7 @@ Outcome runShell(Parser &parser, Session &session) {
     // is done even while later lines are still running.
     std::cout.flush();
     if (!outcome.message.empty())
-      std::cerr << "vxadmin: " << source << number << ": " << outcome.message << "\n";
+      printMessage(source + std::to_string(number) + ": ", outcome.message);
     worst = std::max(worst, outcome.status);
     if (outcome.status == kFailure && !parser.args.keepGoing) break;
   }
@@ -1507,6 +1892,6 @@ int main(int argc, char **argv) {
   } catch (const std::exception &error) {
     outcome = {kFailure, error.what()};
   }
-  if (!outcome.message.empty()) std::cerr << "vxadmin: " << outcome.message << "\n";
+  if (!outcome.message.empty()) printMessage("", outcome.message);
   return outcome.status;
 }
