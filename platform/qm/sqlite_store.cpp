@@ -64,32 +64,46 @@ enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2 };
 enum Part : size_t { kDurable = 0, kVolatile = 1, kParts = 2 };
 constexpr const char *kPartSchema[kParts] = {"main", "v"};
 
-// The schema of the database on disk.  The depth of each queue is kept by
-// triggers, in the same transaction as the change, so that a put need not
-// count the queue.  A message's sequence is never given again
-// (AUTOINCREMENT): a process that found a message removes it by its
-// sequence, and must not remove a newer message in its place when another
-// process took the one it found.
-constexpr const char *kDurableSchema = R"sql(
-CREATE TABLE IF NOT EXISTS main.queues (
+// The schema, alike in both databases ("{t}" names each): the queues they
+// define (the companion's each with the handle that created it), their
+// messages, and the depth of each queue, kept by triggers in the same
+// transaction as the change, so that a put need not count the queue.  A
+// message's sequence is never given again (AUTOINCREMENT): a process that
+// found a message removes it by its sequence, and must not remove a newer
+// message in its place when another process took the one it found.
+constexpr const char *kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS {t}.queues (
   name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
   persistence INTEGER, priority INTEGER, inhibit_get INTEGER, inhibit_put INTEGER,
-  max_length INTEGER, max_depth INTEGER);
-CREATE TABLE IF NOT EXISTS main.messages (
+  max_length INTEGER, max_depth INTEGER{creator});
+CREATE TABLE IF NOT EXISTS {t}.messages (
   seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, priority INTEGER NOT NULL,
   state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
   msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
   expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
-CREATE INDEX IF NOT EXISTS main.messages_order ON messages (queue, state, priority DESC, seq);
-CREATE INDEX IF NOT EXISTS main.messages_expiry ON messages (queue, expires)
+CREATE INDEX IF NOT EXISTS {t}.messages_order ON messages (queue, state, priority DESC, seq);
+CREATE INDEX IF NOT EXISTS {t}.messages_expiry ON messages (queue, expires)
   WHERE expires IS NOT NULL;
-CREATE INDEX IF NOT EXISTS main.messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
-CREATE TABLE IF NOT EXISTS main.depths (queue TEXT PRIMARY KEY, depth INTEGER NOT NULL);
-CREATE TRIGGER IF NOT EXISTS main.messages_added AFTER INSERT ON messages BEGIN
+CREATE INDEX IF NOT EXISTS {t}.messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
+CREATE TABLE IF NOT EXISTS {t}.depths (queue TEXT PRIMARY KEY, depth INTEGER NOT NULL);
+CREATE TRIGGER IF NOT EXISTS {t}.messages_added AFTER INSERT ON messages BEGIN
   INSERT INTO depths VALUES (new.queue, 1) ON CONFLICT (queue) DO UPDATE SET depth = depth + 1;
 END;
-CREATE TRIGGER IF NOT EXISTS main.messages_removed AFTER DELETE ON messages BEGIN
+CREATE TRIGGER IF NOT EXISTS {t}.messages_removed AFTER DELETE ON messages BEGIN
   UPDATE depths SET depth = depth - 1 WHERE queue = old.queue; END;
+)sql";
+
+// What only the companion holds: the open handles and the owners, and the
+// index of its queues by creator.  A handle number is never given again.
+constexpr const char *kVolatileSchema = R"sql(
+CREATE INDEX IF NOT EXISTS v.queues_creator ON queues (creator);
+CREATE TABLE IF NOT EXISTS v.handles (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, owner TEXT NOT NULL,
+  options INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS v.handles_queue ON handles (queue);
+CREATE INDEX IF NOT EXISTS v.handles_owner ON handles (owner);
+CREATE TABLE IF NOT EXISTS v.owners (
+  token TEXT PRIMARY KEY, host TEXT NOT NULL, pid INTEGER NOT NULL, start_time INTEGER NOT NULL);
 )sql";
 
 // The version of the schema on disk (PRAGMA user_version), and what brings
@@ -100,39 +114,6 @@ constexpr const char *kDropFirstTriggers =
 constexpr const char *kCountDepths =
     "INSERT OR REPLACE INTO main.depths SELECT queue, COUNT(*) FROM main.messages GROUP BY queue;"
     " PRAGMA main.user_version = 2;";
-
-// The companion's schema: the same messages and depths, the temporary
-// queues with the handle that created each, the open handles and the
-// owners.  A handle number is never given again either.
-constexpr const char *kVolatileSchema = R"sql(
-CREATE TABLE IF NOT EXISTS v.queues (
-  name TEXT PRIMARY KEY, queue_type INTEGER, definition_type INTEGER, description TEXT,
-  persistence INTEGER, priority INTEGER, inhibit_get INTEGER, inhibit_put INTEGER,
-  max_length INTEGER, max_depth INTEGER, creator INTEGER NOT NULL);
-CREATE INDEX IF NOT EXISTS v.queues_creator ON queues (creator);
-CREATE TABLE IF NOT EXISTS v.messages (
-  seq INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, priority INTEGER NOT NULL,
-  state INTEGER NOT NULL, owner TEXT, unit INTEGER NOT NULL DEFAULT 0,
-  msg_id BLOB NOT NULL, correl_id BLOB NOT NULL, backout INTEGER NOT NULL DEFAULT 0,
-  expires INTEGER, visible INTEGER, descriptor BLOB NOT NULL, data BLOB NOT NULL);
-CREATE INDEX IF NOT EXISTS v.messages_order ON messages (queue, state, priority DESC, seq);
-CREATE INDEX IF NOT EXISTS v.messages_expiry ON messages (queue, expires)
-  WHERE expires IS NOT NULL;
-CREATE INDEX IF NOT EXISTS v.messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
-CREATE TABLE IF NOT EXISTS v.depths (queue TEXT PRIMARY KEY, depth INTEGER NOT NULL);
-CREATE TRIGGER IF NOT EXISTS v.messages_added AFTER INSERT ON messages BEGIN
-  INSERT INTO depths VALUES (new.queue, 1) ON CONFLICT (queue) DO UPDATE SET depth = depth + 1;
-END;
-CREATE TRIGGER IF NOT EXISTS v.messages_removed AFTER DELETE ON messages BEGIN
-  UPDATE depths SET depth = depth - 1 WHERE queue = old.queue; END;
-CREATE TABLE IF NOT EXISTS v.handles (
-  id INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, owner TEXT NOT NULL,
-  options INTEGER NOT NULL);
-CREATE INDEX IF NOT EXISTS v.handles_queue ON handles (queue);
-CREATE INDEX IF NOT EXISTS v.handles_owner ON handles (owner);
-CREATE TABLE IF NOT EXISTS v.owners (
-  token TEXT PRIMARY KEY, host TEXT NOT NULL, pid INTEGER NOT NULL, start_time INTEGER NOT NULL);
-)sql";
 
 // The statements on messages, once for each part: "{t}" names its schema.
 enum PartSql : size_t {
@@ -413,6 +394,14 @@ std::string partText(const char *text, Part part) {
   return sql;
 }
 
+// The schema of one database; the companion's queues name their creator.
+std::string schemaOf(Part part) {
+  std::string sql = partText(kSchema, part);
+  const size_t at = sql.find("{creator}");
+  sql.replace(at, 9, part == kVolatile ? ", creator INTEGER NOT NULL" : "");
+  return sql;
+}
+
 // One prepared statement in use: bound, stepped, and reset whatever happens.
 class Use {
  public:
@@ -626,8 +615,9 @@ class SqliteStore final : public Store {
         // A database of the first schema kept its depths in the queues
         // table, by triggers of the same names.
         if (userVersion() < kSchemaVersion) execute(kDropFirstTriggers);
-        execute(kDurableSchema);
+        execute(schemaOf(kDurable).c_str());
         if (userVersion() < kSchemaVersion) execute(kCountDepths);
+        execute(schemaOf(kVolatile).c_str());
         execute(kVolatileSchema);
         execute("COMMIT");
       } catch (...) {
