@@ -53,10 +53,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "command_server.h"
+#include "fuzz_queues.h"
 #include "qm_admin.h"
 #include "qm_test.h"
 #include "svc.h"
@@ -126,73 +128,8 @@ void onFree(const volatile void *block) {
 
 int32_t hconn = 0;
 vxcsSERVER *server = nullptr;
-std::map<std::string, vxqm::QueueDefinition> initialQueues;
+std::unique_ptr<fuzzing::QueueSnapshot> initialQueues;  // as they were at start
 int32_t initialBlocks[2], initialBytes[2];
-
-vxqm::QueueChanges changesFor(const vxqm::QueueDefinition &d) {
-  vxqm::QueueChanges c;
-  c.queueType = d.queueType;
-  if (d.queueType == QTYPE_MODEL) c.definitionType = d.definitionType;
-  c.description = d.description;
-  c.defaultPersistence = d.defaultPersistence;
-  c.defaultPriority = d.defaultPriority;
-  c.inhibitGet = d.inhibitGet;
-  c.inhibitPut = d.inhibitPut;
-  c.maxMsgLength = d.maxMsgLength;
-  c.maxDepth = d.maxDepth;
-  return c;
-}
-
-bool same(const vxqm::QueueDefinition &a, const vxqm::QueueDefinition &b) {
-  return a.queueType == b.queueType && a.definitionType == b.definitionType &&
-         a.description == b.description && a.defaultPersistence == b.defaultPersistence &&
-         a.defaultPriority == b.defaultPriority && a.inhibitGet == b.inhibitGet &&
-         a.inhibitPut == b.inhibitPut && a.maxMsgLength == b.maxMsgLength &&
-         a.maxDepth == b.maxDepth;
-}
-
-std::map<std::string, vxqm::QueueDefinition> queuesNow() {
-  std::vector<std::string> names;
-  require(vxqm::admin::listQueues(kQm, "*", 0, &names) == 0, "the queues cannot be listed");
-  std::map<std::string, vxqm::QueueDefinition> queues;
-  for (const std::string &name : names) {
-    vxqm::QueueDefinition definition;
-    if (vxqm::admin::queueAttributes(kQm, name, &definition) == 0) queues[name] = definition;
-  }
-  return queues;
-}
-
-// FUZZ.REPLY is there as it was at start: the request left it alone.
-bool replyQueueKept() {
-  vxqm::QueueDefinition definition;
-  return vxqm::admin::queueAttributes(kQm, kReplyQueue, &definition) == 0 &&
-         same(definition, initialQueues.at(kReplyQueue));
-}
-
-// Puts every queue back as it was at start.
-void restoreQueues() {
-  const std::map<std::string, vxqm::QueueDefinition> now = queuesNow();
-  for (const auto &[name, definition] : now) {
-    const auto initial = initialQueues.find(name);
-    if (initial == initialQueues.end()) {
-      const int32_t reason = vxqm::admin::deleteQueue(kQm, name, true);
-      require(reason == 0, "a queue the request made cannot be deleted", reason);
-    } else if (!same(definition, initial->second)) {
-      const int32_t reason = vxqm::admin::changeQueue(kQm, name, changesFor(initial->second));
-      require(reason == 0, "a queue the request changed cannot be changed back", reason);
-    }
-  }
-  for (const auto &[name, definition] : initialQueues) {
-    if (!now.count(name)) {
-      const int32_t reason = vxqm::admin::createQueue(kQm, name, changesFor(definition));
-      require(reason == 0, "a queue the request deleted cannot be made again", reason);
-    }
-    if (name != kCommandQueue && vxqm::test::messageCount(kQm, name) > 0) {
-      const int32_t reason = vxqm::admin::clearQueue(kQm, name);
-      require(reason == 0, "a queue cannot be cleared", reason);
-    }
-  }
-}
 
 // ----- Requests and replies ------------------------------------------------------------
 
@@ -309,7 +246,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   require(reason == 0, "the command server does not start", reason);
   std::atexit(stopServer);
   require(ping(), "the command server does not answer");
-  initialQueues = queuesNow();
+  initialQueues = std::make_unique<fuzzing::QueueSnapshot>(kQm, "fuzz_command_server");
   // What the idle server holds: its reply bag and the bag of its get.
   usleep(200 * 1000);
   libraryBlocks(initialBlocks, initialBytes);
@@ -374,8 +311,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const bool repliesExpected = put && replyTo == 0 && qmgrIsThis && md.expiry == EXPIRY_UNLIMITED;
   // Replies that a request which changed FUZZ.REPLY made impossible are not
   // looked for; the restore below clears whatever is there.
-  if (answered && replyQueueKept()) checkReplies(md.msgId, repliesExpected);
-  restoreQueues();
+  // FUZZ.REPLY is there as it was at start: the request left it alone.
+  if (answered && initialQueues->unchanged(kReplyQueue)) checkReplies(md.msgId, repliesExpected);
+  initialQueues->restore(kCommandQueue);
   if (!answered) require(ping(), "the command server did not answer a ping");
 
   require(serverIdle(), "blocks of the library are left after the request was answered");

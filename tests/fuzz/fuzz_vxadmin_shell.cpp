@@ -54,6 +54,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
@@ -61,6 +62,7 @@
 #include <vector>
 
 #include "command_server.h"
+#include "fuzz_queues.h"
 #include "qm_admin.h"
 #include "qm_test.h"
 #include "svc.h"
@@ -93,64 +95,7 @@ void require(bool holds, const char *rule, long value = 0) {
 
 int32_t hconn = 0;
 std::string dataDirectory;
-std::map<std::string, vxqm::QueueDefinition> initialQueues;
-
-vxqm::QueueChanges changesFor(const vxqm::QueueDefinition &d) {
-  vxqm::QueueChanges c;
-  c.queueType = d.queueType;
-  if (d.queueType == QTYPE_MODEL) c.definitionType = d.definitionType;
-  c.description = d.description;
-  c.defaultPersistence = d.defaultPersistence;
-  c.defaultPriority = d.defaultPriority;
-  c.inhibitGet = d.inhibitGet;
-  c.inhibitPut = d.inhibitPut;
-  c.maxMsgLength = d.maxMsgLength;
-  c.maxDepth = d.maxDepth;
-  return c;
-}
-
-bool same(const vxqm::QueueDefinition &a, const vxqm::QueueDefinition &b) {
-  return a.queueType == b.queueType && a.definitionType == b.definitionType &&
-         a.description == b.description && a.defaultPersistence == b.defaultPersistence &&
-         a.defaultPriority == b.defaultPriority && a.inhibitGet == b.inhibitGet &&
-         a.inhibitPut == b.inhibitPut && a.maxMsgLength == b.maxMsgLength &&
-         a.maxDepth == b.maxDepth;
-}
-
-std::map<std::string, vxqm::QueueDefinition> queuesNow() {
-  std::vector<std::string> names;
-  require(vxqm::admin::listQueues(kQm, "*", 0, &names) == 0, "the queues cannot be listed");
-  std::map<std::string, vxqm::QueueDefinition> queues;
-  for (const std::string &name : names) {
-    vxqm::QueueDefinition definition;
-    if (vxqm::admin::queueAttributes(kQm, name, &definition) == 0) queues[name] = definition;
-  }
-  return queues;
-}
-
-void restoreQueues() {
-  const std::map<std::string, vxqm::QueueDefinition> now = queuesNow();
-  for (const auto &[name, definition] : now) {
-    const auto initial = initialQueues.find(name);
-    if (initial == initialQueues.end()) {
-      const int32_t reason = vxqm::admin::deleteQueue(kQm, name, true);
-      require(reason == 0, "a queue the lines made cannot be deleted", reason);
-    } else if (!same(definition, initial->second)) {
-      const int32_t reason = vxqm::admin::changeQueue(kQm, name, changesFor(initial->second));
-      require(reason == 0, "a queue the lines changed cannot be changed back", reason);
-    }
-  }
-  for (const auto &[name, definition] : initialQueues) {
-    if (!now.count(name)) {
-      const int32_t reason = vxqm::admin::createQueue(kQm, name, changesFor(definition));
-      require(reason == 0, "a queue the lines deleted cannot be made again", reason);
-    }
-    if (vxqm::test::messageCount(kQm, name) > 0) {
-      const int32_t reason = vxqm::admin::clearQueue(kQm, name);
-      require(reason == 0, "a queue cannot be cleared", reason);
-    }
-  }
-}
+std::unique_ptr<fuzzing::QueueSnapshot> initialQueues;  // as they were at start
 
 // ----- Lines -------------------------------------------------------------------------------
 
@@ -229,7 +174,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   fuzz::require(mkdtemp(pattern.data()) != nullptr, "no directory for the tool's data", errno);
   fuzz::dataDirectory = pattern;
   setenv("VXQM_MEMORY_DIR", pattern.c_str(), 1);
-  fuzz::initialQueues = fuzz::queuesNow();
+  fuzz::initialQueues = std::make_unique<fuzzing::QueueSnapshot>(fuzz::kQm, "fuzz_vxadmin_shell");
   return 0;
 }
 
@@ -272,7 +217,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 vxqm::test::connectionCount(fuzz::kQm));
   fuzz::require(vxqm::test::temporaryQueueCount(fuzz::kQm) == 0, "a temporary queue is left",
                 vxqm::test::temporaryQueueCount(fuzz::kQm));
-  fuzz::restoreQueues();
+  fuzz::initialQueues->restore();
   fuzz::require(svcFailureReportCount() == reportsBefore, "a failure report was raised");
   return 0;
 }
