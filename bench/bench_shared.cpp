@@ -14,7 +14,6 @@
 //   storage in memory (VXQM_MEMORY_DIR) are made for the run, under /tmp and
 //   /dev/shm, and removed at the end.  The second process is this program
 //   again, started with a role: bench_shared --role ...
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -33,6 +32,7 @@
 #include <thread>
 #include <vector>
 
+#include "child.h"
 #include "qm.h"
 #include "qm_admin.h"
 #include "vxqi_records.h"
@@ -193,53 +193,22 @@ Latencies drive(const std::string &out, const std::string &in, int rounds, int32
 
 // A second process: this program with `--role` and the arguments, its
 // standard output a pipe whose read end is returned.
-struct Child {
-  pid_t pid = -1;
-  FILE *output = nullptr;
+using bench::Child;
 
-  // A line of its output, without the newline; empty at its end.
-  std::string line() {
-    char text[256];
-    if (std::fgets(text, sizeof text, output) == nullptr) return {};
-    std::string s = text;
-    if (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
-  }
-  // Its resource usage once it ended; exits when it failed.
-  rusage finish() {
-    int status = 0;
-    rusage usage{};
-    while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
-    }
-    std::fclose(output);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      std::fprintf(stderr, "bench_shared: the second process failed (status %d)\n", status);
-      std::exit(1);
-    }
-    return usage;
-  }
-};
-
+// The second process of a measure, told this one's pid so that it ends with it.
 Child spawn(std::vector<std::string> arguments) {
-  int fds[2];
-  if (pipe(fds) != 0) fatal("pipe", errno);
-  arguments.insert(arguments.begin(), {"bench_shared", "--role", std::to_string(getpid())});
-  std::vector<char *> argv;
-  for (std::string &a : arguments) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  Child child;
-  const int failed =
-      posix_spawn(&child.pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  if (failed != 0) fatal("posix_spawn", failed);
-  child.output = fdopen(fds[0], "r");
-  return child;
+  arguments.insert(arguments.begin(), {"--role", std::to_string(getpid())});
+  return bench::spawnSelf("bench_shared", std::move(arguments));
+}
+
+// Its resource usage once it ended; exits when it failed.
+rusage finish(Child &child) {
+  rusage usage{};
+  if (!child.finish(&usage)) {
+    std::fprintf(stderr, "bench_shared: the second process failed\n");
+    std::exit(1);
+  }
+  return usage;
 }
 
 double cpuSeconds(const rusage &u) {
@@ -314,7 +283,7 @@ Latencies latency(const std::string &tag, int rounds, int32_t persistence, bool 
   Child child = spawn({"echo", ping, pong, std::to_string(rounds), word});
   expect(child, "ready");
   Latencies result = drive(ping, pong, rounds, persistence);
-  child.finish();
+  finish(child);
   return result;
 }
 
@@ -391,7 +360,7 @@ Throughput concurrent(const std::string &tag, long count, int32_t persistence, b
     expect(child, "done");
   }
   const int64_t end = nowNs();
-  if (!threads) child.finish();
+  if (!threads) finish(child);
   return {rate(count, put - start), rate(count, end - start)};
 }
 
@@ -430,7 +399,7 @@ void waitingCost(double seconds) {
     door.put(door.open(queue, OPEN_OUTPUT), data.data(), PERSISTENCE_NOT_PERSISTENT);
   }
   const std::string report = child.line();
-  const rusage whole = child.finish();
+  const rusage whole = finish(child);
   double cpu = 0;
   long voluntary = 0, involuntary = 0;
   if (std::sscanf(report.c_str(), "%lf %ld %ld", &cpu, &voluntary, &involuntary) != 3) {

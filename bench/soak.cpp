@@ -23,7 +23,6 @@
 // ..." on standard output and exits 0 only when nothing failed.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -41,6 +40,7 @@
 #include <thread>
 #include <vector>
 
+#include "child.h"
 #include "command_server.h"
 #include "qm_admin.h"
 #include "svc.h"
@@ -450,53 +450,10 @@ int worker(int index, double seconds, long perRound, const char *file) {
   return 0;
 }
 
-struct Child {
-  pid_t pid = -1;
-  FILE *output = nullptr;
-
-  std::string line() {
-    char text[256];
-    if (output == nullptr || std::fgets(text, sizeof text, output) == nullptr) return {};
-    std::string s = text;
-    if (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
-  }
-  bool finish() {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    std::fclose(output);
-    output = nullptr;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  }
-};
+using bench::Child;
 
 Child spawn(std::vector<std::string> arguments) {
-  int fds[2];
-  if (pipe(fds) != 0) {
-    std::perror("pipe");
-    std::exit(1);
-  }
-  arguments.insert(arguments.begin(), "soak");
-  std::vector<char *> argv;
-  for (std::string &a : arguments) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  Child child;
-  const int failed =
-      posix_spawn(&child.pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  if (failed != 0) {
-    std::fprintf(stderr, "posix_spawn: %s\n", std::strerror(failed));
-    std::exit(1);
-  }
-  child.output = fdopen(fds[0], "r");
-  return child;
+  return bench::spawnSelf("soak", std::move(arguments));
 }
 
 int messages(double seconds, int processes, long perRound, const std::string &dir) {
