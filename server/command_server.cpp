@@ -546,16 +546,27 @@ void checkQueueType(const Session &session, const std::string &name, int32_t nam
   fail(isSystemQueue(name) ? RC_SYSTEM_Q_TYPE_REFUSED : RC_OBJECT_TYPE_ERROR, ATTR_Q_TYPE);
 }
 
+// The shortest maximum message length the command queue and the model of
+// reply queues may be given: room for any command that changes a queue, and
+// for its reply.
+constexpr int32_t kSmallestCommandMsgLength = 4096;
+
 // Commands reach the server on the command queue and its replies come back
 // on queues made from the model: with puts or gets inhibited on either, no
 // command, not even the one that would allow them again, could be carried
 // out and answered.  The server refuses to set them (allowing is always
 // accepted); the queue manager's administration interface does not
 // (docs/decisions.md).
+// Nor a depth of 0, nor a maximum message length shorter than a command
+// that would undo it, or its reply, may need.
 void checkKeepsCommandsFlowing(const std::string &name, const vxqm::QueueChanges &changes) {
   if (name != kCommandQueue && name != kReplyModelQueue) return;
   if (changes.inhibitPut == INHIBIT_INHIBITED) fail(RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_PUT);
   if (changes.inhibitGet == INHIBIT_INHIBITED) fail(RC_SYSTEM_Q_INHIBIT_REFUSED, ATTR_INHIBIT_GET);
+  if (changes.maxDepth && *changes.maxDepth < 1) fail(RC_SYSTEM_Q_LIMIT_REFUSED, ATTR_MAX_Q_DEPTH);
+  if (changes.maxMsgLength && *changes.maxMsgLength < kSmallestCommandMsgLength) {
+    fail(RC_SYSTEM_Q_LIMIT_REFUSED, ATTR_MAX_MSG_LENGTH);
+  }
 }
 
 // ----- The commands -------------------------------------------------------------------------

@@ -54,10 +54,13 @@ extern "C" {
  * RC_SYSTEM_Q_DELETE_REFUSED: a delete of a queue whose name begins with
  * "SYSTEM.".
  * RC_SYSTEM_Q_TYPE_REFUSED: a change queue giving a "SYSTEM." queue another
- * type than its own. */
+ * type than its own.
+ * RC_SYSTEM_Q_LIMIT_REFUSED: a maximum depth of 0, or a maximum message
+ * length under 4096, on either of the two queues above. */
 #define RC_SYSTEM_Q_INHIBIT_REFUSED 3012
 #define RC_SYSTEM_Q_DELETE_REFUSED 3013
 #define RC_SYSTEM_Q_TYPE_REFUSED 3014
+#define RC_SYSTEM_Q_LIMIT_REFUSED 3015
 
 /* A running command server.  Only vxcsStop releases it. */
 typedef struct vxcsSERVER vxcsSERVER;

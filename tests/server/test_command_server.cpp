@@ -700,6 +700,33 @@ TEST_F(CommandServerTest, PutsAndGetsStayAllowedOnTheCommandQueueAndTheReplyMode
   EXPECT_EQ(attributesOf("TEST.Q1").inhibitPut, INHIBIT_INHIBITED);
 }
 
+TEST_F(CommandServerTest, TheCommandQueueAndTheReplyModelKeepRoomForCommands) {
+  const std::pair<const char *, int32_t> queues[] = {{kCommandQueue, QTYPE_LOCAL},
+                                                     {kModelQueue, QTYPE_MODEL}};
+  for (const auto &[queue, type] : queues) {
+    const vxqm::QueueDefinition before = attributesOf(queue);
+    SCOPED_TRACE(queue);
+    expectError(run(CMD_CHANGE_Q, named(queue, type, setting(ATTR_MAX_Q_DEPTH, 0))), CMD_CHANGE_Q,
+                RC_SYSTEM_Q_LIMIT_REFUSED, ATTR_MAX_Q_DEPTH);
+    expectError(run(CMD_CHANGE_Q, named(queue, type, setting(ATTR_MAX_MSG_LENGTH, 4095))),
+                CMD_CHANGE_Q, RC_SYSTEM_Q_LIMIT_REFUSED, ATTR_MAX_MSG_LENGTH);
+    EXPECT_TRUE(sameDefinition(attributesOf(queue), before));
+    expectDone(run(CMD_PING), CMD_PING);
+    // The smallest limits that leave room for commands are accepted.
+    expectDone(run(CMD_CHANGE_Q, named(queue, type,
+                                       [](VXHBAG bag) {
+                                         addInteger(bag, ATTR_MAX_Q_DEPTH, 100);
+                                         addInteger(bag, ATTR_MAX_MSG_LENGTH, 4096);
+                                       })),
+               CMD_CHANGE_Q);
+    expectDone(run(CMD_PING), CMD_PING);
+  }
+  // Other queues may have any limit, as before.
+  createLocal("TEST.Q1");
+  expectDone(run(CMD_CHANGE_Q, named("TEST.Q1", QTYPE_LOCAL, setting(ATTR_MAX_Q_DEPTH, 0))),
+             CMD_CHANGE_Q);
+}
+
 TEST_F(CommandServerTest, TheRefusedLockOutLeavesEveryCommandAnswered) {
   // The change that once made every later command fail with 2051, the one
   // that would undo it included.

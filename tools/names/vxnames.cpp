@@ -103,6 +103,9 @@ constexpr Reason kReasons[] = {
     {RC_SYSTEM_Q_DELETE_REFUSED, "RC_SYSTEM_Q_DELETE_REFUSED", "SYSTEM. queues cannot be deleted"},
     {RC_SYSTEM_Q_TYPE_REFUSED, "RC_SYSTEM_Q_TYPE_REFUSED",
      "the type of a SYSTEM. queue cannot be changed"},
+    {RC_SYSTEM_Q_LIMIT_REFUSED, "RC_SYSTEM_Q_LIMIT_REFUSED",
+     "the command queue and the model of reply queues keep a depth of 1 or more and a maximum "
+     "message length of 4096 or more"},
 };
 
 // In the order the attributes of a queue are shown.
