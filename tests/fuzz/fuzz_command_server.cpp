@@ -313,8 +313,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // looked for; the restore below clears whatever is there.
   // FUZZ.REPLY is there as it was at start: the request left it alone.
   if (answered && initialQueues->unchanged(kReplyQueue)) checkReplies(md.msgId, repliesExpected);
+  // The server may still be carrying out a request that stopped the ping:
+  // with the queues put back, the next ping waits for it to end, and only
+  // then are the messages it left cleared.
+  if (!answered) {
+    initialQueues->restoreDefinitions();
+    require(ping(), "the command server did not answer a ping");
+  }
   initialQueues->restore(kCommandQueue);
-  if (!answered) require(ping(), "the command server did not answer a ping");
 
   require(serverIdle(), "blocks of the library are left after the request was answered");
   const int64_t grown = peakHeap.load() - heapBefore;

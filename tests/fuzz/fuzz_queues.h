@@ -34,6 +34,16 @@ class QueueSnapshot {
 
   // Puts every queue back as it was at start, and empties each but `kept`.
   void restore(const std::string &kept = {}) const {
+    restoreDefinitions();
+    for (const auto &[name, definition] : initial_) {
+      if (name != kept && vxqm::test::messageCount(qmName_, name) > 0) {
+        require(vxqm::admin::clearQueue(qmName_, name), "a queue is cleared");
+      }
+    }
+  }
+
+  // Puts every queue back as it was at start, its messages left as they are.
+  void restoreDefinitions() const {
     const std::map<std::string, vxqm::QueueDefinition> queues = now();
     for (const auto &[name, definition] : queues) {
       const auto initial = initial_.find(name);
@@ -48,9 +58,6 @@ class QueueSnapshot {
       if (!queues.count(name)) {
         require(vxqm::admin::createQueue(qmName_, name, changesFor(definition)),
                 "a queue an input deleted is made again");
-      }
-      if (name != kept && vxqm::test::messageCount(qmName_, name) > 0) {
-        require(vxqm::admin::clearQueue(qmName_, name), "a queue is cleared");
       }
     }
   }
