@@ -4,13 +4,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 
 #include "queue_manager.h"
+#include "shared_file.h"
 
 namespace vxqm {
 
@@ -44,18 +44,10 @@ class FileTurn {
 }  // namespace
 
 GroupSync::GroupSync(const std::string &countsPath, const std::string &logPath) {
-  countsFd_ = open(countsPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-  struct stat info;
-  const bool usable = countsFd_ >= 0 && fstat(countsFd_, &info) == 0 && S_ISREG(info.st_mode) &&
-                      info.st_uid == geteuid() && (info.st_mode & 077) == 0 &&
-                      (info.st_size >= static_cast<off_t>(sizeof(Counts)) ||
-                       ftruncate(countsFd_, sizeof(Counts)) == 0);
-  void *mapped =
-      usable ? mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED, countsFd_, 0)
-             : MAP_FAILED;
+  void *mapped = mapSharedFile(countsPath, sizeof(Counts), &countsFd_);
   logFd_ = open(logPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (mapped == MAP_FAILED || logFd_ < 0) {
-    if (mapped != MAP_FAILED) munmap(mapped, sizeof(Counts));
+  if (mapped == nullptr || logFd_ < 0) {
+    if (mapped != nullptr) munmap(mapped, sizeof(Counts));
     if (countsFd_ >= 0) close(countsFd_);
     if (logFd_ >= 0) close(logFd_);
     throw Failure{RC_STORE_ERROR};

@@ -46,6 +46,7 @@
 
 #include "group_sync.h"
 #include "processes.h"
+#include "shared_file.h"
 #include "queue_manager.h"
 #include "store.h"
 
@@ -515,9 +516,7 @@ void prepareCompanion(const Reporter &reporter, const std::string &path) {
   const char *action = "opening the companion";
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) reporter.failed(systemStoreFailure(errno, path, action));
-  struct stat info;
-  const bool safe = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
-                    (info.st_mode & 077) == 0;
+  const bool safe = privateFile(fd);
   ::close(fd);
   if (!safe) {
     reporter.failed({RC_STORE_ERROR, StoreProblem::kPermission, path, action,

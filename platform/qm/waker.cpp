@@ -1,10 +1,8 @@
 // The shared waker: see waker.h.
 #include "waker.h"
 
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,6 +12,7 @@
 #include <ctime>
 
 #include "queue_manager.h"
+#include "shared_file.h"
 
 namespace vxqm {
 namespace {
@@ -40,17 +39,8 @@ long futex(uint32_t *word, int operation, uint32_t value, const timespec *timeou
 class SharedWaker final : public Waker {
  public:
   explicit SharedWaker(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) throw Failure{RC_STORE_ERROR};
-    struct stat info;
-    const bool usable =
-        fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
-        (info.st_mode & 077) == 0 &&
-        (info.st_size >= static_cast<off_t>(kFileSize) || ftruncate(fd, kFileSize) == 0);
-    void *mapped =
-        usable ? mmap(nullptr, kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-    ::close(fd);
-    if (mapped == MAP_FAILED) throw Failure{RC_STORE_ERROR};
+    void *mapped = mapSharedFile(path, kFileSize);
+    if (mapped == nullptr) throw Failure{RC_STORE_ERROR};
     // The file starts as zeros, which are counts of zero.
     slots_ = static_cast<Slot *>(mapped);
   }
