@@ -390,15 +390,22 @@ struct Seen {
   int32_t persistence;
 };
 
-// Looks at the queues through the entries and compares them with the model;
-// what was in doubt becomes what was found.
-bool Harness::check() {
+// The checker's own connection to the queue manager, with the outcome of
+// the connect.
+int32_t connectChecker(int32_t *cc, int32_t *rc) {
   char name[QM_NAME_LENGTH];
   field(name, sizeof name, kQm);
   int32_t hconn = -1;
+  qmCONN(name, &hconn, cc, rc, 0);
+  return hconn;
+}
+
+// Looks at the queues through the entries and compares them with the model;
+// what was in doubt becomes what was found.
+bool Harness::check() {
   int32_t cc = 0;
   int32_t rc = 0;
-  qmCONN(name, &hconn, &cc, &rc, 0);
+  int32_t hconn = connectChecker(&cc, &rc);
   if (cc != CC_OK) {
     failure(&figures_.others, "qmCONN failed with reason " + std::to_string(rc));
     return false;
@@ -570,12 +577,9 @@ bool Harness::check() {
 
 // Gets every message left, and compares them with the model.
 bool Harness::drainAll() {
-  char name[QM_NAME_LENGTH];
-  field(name, sizeof name, kQm);
-  int32_t hconn = -1;
   int32_t cc = 0;
   int32_t rc = 0;
-  qmCONN(name, &hconn, &cc, &rc, 0);
+  int32_t hconn = connectChecker(&cc, &rc);
   std::set<std::string> got;
   for (int q = 0; q < kQueueCount; ++q) {
     vxOBJDESC od = OD_DEFAULT;

@@ -381,6 +381,14 @@ class StorageFailures : public ::testing::Test {
     return s;
   }
 
+  // Messages 0 .. count-1, persistent and not in turn.
+  void putMixed(Connection &c, int32_t hobj, int count) {
+    for (int i = 0; i < count; ++i) {
+      ASSERT_EQ(put(c, hobj, i, i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT),
+                ok());
+    }
+  }
+
   void remember(const vxMSGDESC &md, const std::string &data) {
     Expected e;
     e.data = data;
@@ -466,10 +474,7 @@ class StorageFailures : public ::testing::Test {
 TEST_F(StorageFailures, AFullDiskRefusesAPersistentPutAndLosesNothing) {
   Connection c(kQm);
   int32_t hobj = c.open(kQueue, OPEN_OUTPUT);
-  for (int i = 0; i < 6; ++i) {
-    ASSERT_EQ(put(c, hobj, i, i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT),
-              ok());
-  }
+  ASSERT_NO_FATAL_FAILURE(putMixed(c, hobj, 6));
   failWrites(kDisk, SQLITE_FULL);
   EXPECT_EQ(put(c, hobj, 100, PERSISTENCE_PERSISTENT), failed(RC_STORE_FULL));
   EXPECT_EQ(put(c, hobj, 101, PERSISTENCE_PERSISTENT, 200000), failed(RC_STORE_FULL));
@@ -515,10 +520,7 @@ TEST_F(StorageFailures, AFullDiskRefusesAPersistentPutAndLosesNothing) {
 TEST_F(StorageFailures, AFullCompanionRefusesANonPersistentPut) {
   Connection c(kQm);
   int32_t hobj = c.open(kQueue, OPEN_OUTPUT);
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(put(c, hobj, i, i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT),
-              ok());
-  }
+  ASSERT_NO_FATAL_FAILURE(putMixed(c, hobj, 4));
   failWrites(kCompanion, SQLITE_FULL);
   EXPECT_EQ(put(c, hobj, 100, PERSISTENCE_NOT_PERSISTENT), failed(RC_STORE_FULL));
   // A persistent put writes only to the disk.
@@ -574,10 +576,7 @@ TEST_F(StorageFailures, ARealFullFileSystem) {
 TEST_F(StorageFailures, ADatabaseThatCannotBeWrittenIsReadOnly) {
   Connection c(kQm);
   int32_t hobj = c.open(kQueue, OPEN_OUTPUT | OPEN_INPUT_SHARED);
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(put(c, hobj, i, i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT),
-              ok());
-  }
+  ASSERT_NO_FATAL_FAILURE(putMixed(c, hobj, 4));
   failWrites(kDisk, SQLITE_READONLY);
   EXPECT_EQ(put(c, hobj, 100, PERSISTENCE_PERSISTENT), failed(RC_STORE_READ_ONLY));
   EXPECT_EQ(vxqm::admin::createQueue(kQm, "NEW.QUEUE", {}), RC_STORE_READ_ONLY);
@@ -643,10 +642,7 @@ TEST_F(StorageFailures, ARealReadOnlyFileSystem) {
 TEST_F(StorageFailures, AnIoErrorIsAStoreError) {
   Connection c(kQm);
   int32_t hobj = c.open(kQueue, OPEN_OUTPUT);
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(put(c, hobj, i, i % 2 == 0 ? PERSISTENCE_PERSISTENT : PERSISTENCE_NOT_PERSISTENT),
-              ok());
-  }
+  ASSERT_NO_FATAL_FAILURE(putMixed(c, hobj, 4));
   failWrites(kDisk, SQLITE_IOERR_WRITE);
   EXPECT_EQ(put(c, hobj, 100, PERSISTENCE_PERSISTENT), failed(RC_STORE_ERROR));
   EXPECT_EQ(vxqm::admin::createQueue(kQm, "NEW.QUEUE", {}), RC_STORE_ERROR);
