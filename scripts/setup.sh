@@ -8,13 +8,14 @@
 # run-times), CMake, Ninja, the GoogleTest sources, the header-only CLI11 and
 # nlohmann/json that vxadmin uses, pkg-config, SQLite, valgrind with the C
 # library's debugging symbols (helgrind and memcheck need them), strace (a
-# test watches the syncs of a persistent put), and any further packages
-# named as arguments.
+# test watches the syncs of a persistent put), PostgreSQL's client library
+# and its server (the tests start a server of their own), and any further
+# packages named as arguments.
 #
 # With --i386, also what the 32-bit build needs: the 32-bit tool chain, the
-# 32-bit C library's debugging symbols and SQLite run-time, and, on a machine
-# whose kernel cannot execute 32-bit programs, qemu's user-mode emulator
-# registered to run them.
+# 32-bit C library's debugging symbols, SQLite and PostgreSQL client
+# run-times, and, on a machine whose kernel cannot execute 32-bit programs,
+# qemu's user-mode emulator registered to run them.
 set -eu
 
 SUDO=""
@@ -52,6 +53,8 @@ need valgrind
 need "libc6-dbg:$(dpkg --print-architecture)"
 need libsqlite3-dev
 need strace
+need libpq-dev
+need postgresql
 if [ "$i386" = yes ]; then
   need gcc-multilib
   need g++-multilib
@@ -70,6 +73,30 @@ if [ -n "$missing" ]; then
 fi
 
 [ "$i386" = yes ] || exit 0
+
+# PostgreSQL's client library for 32-bit programs.  Its package is often not
+# installable beside the native one: both must have the same version, and a
+# mirror may carry security updates for one architecture only.  Then the
+# 32-bit packages it needs (those the machine lacks) are unpacked into a
+# folder of their own, which the dynamic loader is told about.
+i386_libpq=/opt/vx-i386-libpq
+if ! dpkg -s libpq5:i386 >/dev/null 2>&1 &&
+   [ ! -e "$i386_libpq/usr/lib/i386-linux-gnu/libpq.so.5" ]; then
+  echo "unpacking PostgreSQL's 32-bit client library into $i386_libpq"
+  work=$(mktemp -d)
+  chmod 755 "$work"  # apt downloads as its own user
+  packages=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts \
+      --no-breaks --no-replaces --no-enhances libpq5:i386 | grep -E '^[a-z0-9].*:i386$' | sort -u)
+  for package in $packages; do
+    dpkg -s "$package" >/dev/null 2>&1 || (cd "$work" && apt-get download -qq "$package")
+  done
+  $SUDO mkdir -p "$i386_libpq"
+  for deb in "$work"/*.deb; do $SUDO dpkg-deb -x "$deb" "$i386_libpq"; done
+  rm -rf "$work"
+  printf '%s\n' "$i386_libpq/usr/lib/i386-linux-gnu" "$i386_libpq/lib/i386-linux-gnu" |
+    $SUDO tee /etc/ld.so.conf.d/vx-i386-libpq.conf >/dev/null
+  $SUDO ldconfig
+fi
 
 # Some virtual machines run a kernel that cannot execute 32-bit programs (it
 # answers "Exec format error").  There the kernel is taught to hand them to
