@@ -261,6 +261,7 @@ typedef struct vxGETOPTS {
 #define RC_CHAR_ATTR_LENGTH_ERROR 2006 /* character length below 0 */
 #define RC_CHAR_ATTRS_ERROR 2007       /* character attributes not accessible */
 #define RC_CHAR_ATTRS_TOO_SHORT 2008   /* warning: only what fits was returned */
+#define RC_CONNECTION_BROKEN 2009      /* the connection to the queue manager's store was lost */
 #define RC_DATA_LENGTH_ERROR 2010      /* data length not writable (as in vxai.h) */
 #define RC_EXPIRY_ERROR 2013           /* expiry neither positive nor unlimited */
 #define RC_GET_INHIBITED 2016
@@ -288,6 +289,7 @@ typedef struct vxGETOPTS {
 #define RC_Q_FULL 2053
 #define RC_Q_NOT_EMPTY 2055
 #define RC_Q_MGR_NAME_ERROR 2058
+#define RC_Q_MGR_NOT_AVAILABLE 2059 /* the queue manager's server cannot be reached */
 #define RC_SELECTOR_COUNT_ERROR 2065
 #define RC_SELECTOR_ERROR 2067
 #define RC_STORAGE_NOT_AVAILABLE 2071

@@ -105,6 +105,13 @@ bool isFileName(const std::string &qmName) {
 
 Home openHome(const std::string &qmName) {
   Home home;
+  const char *variable = std::getenv("VXQM_DATA");
+  if (variable != nullptr && isPostgresUri(variable)) {
+    // The store first: a server that cannot be reached is its failure.
+    home.store = makePostgresStore({variable, qmName});
+    home.waker = makePostgresWaker(variable, qmName);
+    return home;
+  }
   const std::string named = namedDirectory();
   if (named.empty()) {
     home.store = makeMemoryStore();
@@ -128,6 +135,11 @@ Home openHome(const std::string &qmName) {
 }
 
 void removeMemoryFiles(const std::string &qmName) {
+  const char *variable = std::getenv("VXQM_DATA");
+  if (variable != nullptr && isPostgresUri(variable)) {
+    emptyPostgresVolatile({variable, qmName});
+    return;
+  }
   const std::string named = namedDirectory();
   if (named.empty() || !isFileName(qmName)) return;
   char *resolved = realpath(named.c_str(), nullptr);

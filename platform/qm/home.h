@@ -9,8 +9,11 @@
 // /dev/shm, and without either the data directory serves).  A persistent
 // change is on disk when its call returns, unless VXQM_SYNC is "normal":
 // then it survives the death of its process, not a crash of the machine.
-// Otherwise (unset or empty) it lives in the memory of its process, and its
-// waits need nothing shared.
+// When VXQM_DATA is a postgresql:// or postgres:// URI, the queue manager
+// lives in the schema of its name in that database, shared by every
+// process on every host that names it (docs/persistence.md): no data
+// directory and no file in memory.  Otherwise (unset or empty) it lives in
+// the memory of its process, and its waits need nothing shared.
 #ifndef VX_QM_HOME_H
 #define VX_QM_HOME_H
 
@@ -40,7 +43,8 @@ Home openHome(const std::string &qmName);
 bool isFileName(const std::string &qmName);
 
 // Removes what the queue manager keeps in storage in memory, as a restart of
-// the machine does (test hooks).  Nothing to do without a data directory.
+// the machine does, or empties its unlogged tables, as a crash of its
+// PostgreSQL server does (test hooks).  Nothing to do without VXQM_DATA.
 void removeMemoryFiles(const std::string &qmName);
 
 }  // namespace vxqm

@@ -9,7 +9,8 @@
 
 namespace vxqm {
 
-// This process: host name, pid and start time (token left empty).
+// This process: host name (VXQM_HOST when set), pid and start time (token
+// left empty).
 Owner thisProcess();
 
 // True when the owner's process has certainly ended: it names this host, and

@@ -307,6 +307,11 @@ Connection &QueueManager::connection(int32_t hconn) {
 ObjectHandle &QueueManager::handle(Connection &connection, int32_t hobj) {
   auto it = connection.handles.find(hobj);
   if (it == connection.handles.end()) fail(RC_HOBJ_ERROR);
+  // Opened in a session of the store that was lost: the other owners gave
+  // its open back.  Only a close still works (closeObject).
+  if (it->second.queue && it->second.storeSession != store_->session()) {
+    fail(RC_CONNECTION_BROKEN);
+  }
   return it->second;
 }
 
@@ -415,6 +420,7 @@ ObjectHandle QueueManager::openObject(vxOBJDESC &od, int32_t options) {
     opened.storeHandle = openQueue(name, options);
   }
   step.keep();
+  opened.storeSession = store_->session();
   if (model) writeName(od.objectName, Q_NAME_LENGTH, name);
   opened.queueName = std::move(name);
   opened.queue = std::move(queueState);
@@ -455,7 +461,9 @@ void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
 }
 
 void QueueManager::closeObject(Connection &c, int32_t hobj, int32_t options) {
-  ObjectHandle &h = handle(c, hobj);
+  auto found = c.handles.find(hobj);
+  if (found == c.handles.end()) fail(RC_HOBJ_ERROR);
+  ObjectHandle &h = found->second;
   std::vector<std::string> deleted;
   if (h.queue && !h.queue->deleted) {
     // A queue deleted since the open has nothing left to close.  With the
@@ -587,8 +595,7 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
   MessageState messageState = MessageState::kAvailable;
   uint64_t unit = 0;
   if ((pmo.options & PUT_SYNCPOINT) != 0) {
-    if (c.unit == 0) c.unit = ++lastUnit_;
-    unit = c.unit;
+    unit = unitOf(c);
     messageState = MessageState::kPutInUnit;
   } else if (h.queue->heldUnit != 0) {
     // A test holds the queue: its puts wait in a unit that the release commits.
@@ -651,7 +658,19 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     store_->discardExpired(h.queueName, now);
     selection.after.reset();
     if ((options & GET_BROWSE_NEXT) != 0) selection.after = h.browseCursor;
-    const Found found = store_->findMessage(h.queueName, selection, now);
+    // A get that converts nothing takes its message in the same call of the
+    // store as it finds it (one round trip to a server); one that may
+    // convert learns the length only after the conversion.
+    const bool takeNow = !browse && (options & GET_CONVERT) == 0;
+    const bool syncpoint = (options & GET_SYNCPOINT) != 0;
+    const bool newUnit = takeNow && syncpoint && c.unit == 0;
+    const uint64_t unit = takeNow && syncpoint ? unitOf(c) : 0;
+    const size_t longest = (options & GET_ACCEPT_TRUNCATED_MSG) != 0
+                               ? SIZE_MAX
+                               : static_cast<size_t>(std::max(bufferLength, 0));
+    const Found found = takeNow ? store_->takeMessage(h.queueName, selection, now, unit, longest)
+                                : store_->findMessage(h.queueName, selection, now);
+    if (newUnit && !found.taken) c.unit = 0;
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
       if (!ownersChecked) {
@@ -698,12 +717,11 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const bool refused = truncated && (options & GET_ACCEPT_TRUNCATED_MSG) == 0;
     // Taken before anything is written to the caller: a store shared with
     // other processes may find that one of them took the message first.
-    if (!browse && !refused) {
-      if ((options & GET_SYNCPOINT) != 0) {
-        const bool newUnit = c.unit == 0;
-        if (newUnit) c.unit = ++lastUnit_;
-        if (!store_->takeInUnit(h.queueName, found.key, c.unit)) {
-          if (newUnit) c.unit = 0;
+    if (!browse && !refused && !found.taken) {
+      if (syncpoint) {
+        const bool begun = c.unit == 0;
+        if (!store_->takeInUnit(h.queueName, found.key, unitOf(c))) {
+          if (begun) c.unit = 0;
           continue;
         }
       } else if (!store_->removeMessage(h.queueName, found.key)) {
@@ -832,7 +850,7 @@ void QueueManager::begin(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
   if (c.unit != 0) fail(RC_UOW_IN_PROGRESS);
-  c.unit = ++lastUnit_;
+  unitOf(c);
 }
 
 void QueueManager::commit(int32_t hconn) {
@@ -849,7 +867,24 @@ void QueueManager::backout(int32_t hconn) {
   awaitDurable(lock);
 }
 
+uint64_t QueueManager::unitOf(Connection &c) {
+  if (c.unit == 0) {
+    c.unit = ++lastUnit_;
+    c.unitSession = store_->session();
+  } else if (c.unitSession != store_->session()) {
+    fail(RC_CONNECTION_BROKEN);
+  }
+  return c.unit;
+}
+
 void QueueManager::endUnit(Connection &c, bool commit) {
+  if (c.unitSession != store_->session()) {
+    // Begun in a session of the store that was lost: the other owners back
+    // it out as a dead owner's.
+    c.unit = 0;
+    if (commit) fail(RC_CONNECTION_BROKEN);
+    return;
+  }
   const std::vector<std::string> available =
       commit ? store_->commit(c.unit) : store_->backout(c.unit);
   c.unit = 0;

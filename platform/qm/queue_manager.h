@@ -81,6 +81,7 @@ struct ObjectHandle {
   std::string queueName;                   // empty for the queue manager object
   std::shared_ptr<QueueState> queue;       // null for the queue manager object
   int64_t storeHandle = 0;                 // the store's record of the open
+  uint64_t storeSession = 0;               // the store's session of the open (Store::session)
   std::optional<MessageKey> browseCursor;  // the message last browsed
   int32_t waitingGets = 0;                 // gets waiting on this handle: its close wakes them
 };
@@ -88,6 +89,7 @@ struct ObjectHandle {
 // A connection.  Guarded by the mutex of its queue manager.
 struct Connection {
   uint64_t unit = 0;                        // the open unit of work, or 0
+  uint64_t unitSession = 0;                 // the store's session when it began
   std::map<int32_t, ObjectHandle> handles;  // by object handle
 };
 
@@ -185,6 +187,9 @@ class QueueManager {
   void putMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md, vxPUTOPTS &pmo,
                   const char *data, int32_t length);
   void deleteQueueObject(const std::string &name);
+  // The connection's unit of work, begun when there is none; RC_CONNECTION_BROKEN
+  // when it was begun in a session of the store that was lost.
+  uint64_t unitOf(Connection &connection);
   void endUnit(Connection &connection, bool commit);
   void wakeAvailable(const std::vector<std::string> &queues);
   void defineInitialObjects();

@@ -89,6 +89,7 @@ struct Found {
   const Message *message = nullptr;
   MessageKey key;
   Clock::time_point nextVisible = Clock::time_point::max();
+  bool taken = false;  // takeMessage took the message
 };
 
 // The open handles of a queue, of every owner.
@@ -148,6 +149,22 @@ class Store {
   virtual bool removeMessage(const std::string &queue, const MessageKey &key) = 0;
   // An available message got under syncpoint: invisible until its unit ends.
   virtual bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
+  // A get's search and take in one call: the message that findMessage would
+  // find is taken (removed with unit 0, else got in the unit as takeInUnit
+  // does) when its data is at most `longest` bytes, and Found::taken says
+  // so; a longer one stays in its place.  A store that can take in one
+  // statement does; this one finds, takes, and looks again when another
+  // owner took the message first.
+  virtual Found takeMessage(const std::string &queue, const Selection &selection,
+                            Clock::time_point now, uint64_t unit, size_t longest) {
+    for (;;) {
+      Found found = findMessage(queue, selection, now);
+      if (found.message == nullptr || found.message->data.size() > longest) return found;
+      found.taken =
+          unit == 0 ? removeMessage(queue, found.key) : takeInUnit(queue, found.key, unit);
+      if (found.taken) return found;
+    }
+  }
   // Removes the messages expired at `now` (not those got in a unit); returns
   // how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;
@@ -160,6 +177,12 @@ class Store {
   // deleted meanwhile are gone and are skipped.
   virtual std::vector<std::string> commit(uint64_t unit) = 0;
   virtual std::vector<std::string> backout(uint64_t unit) = 0;
+
+  // Counts the sessions that the store opened with what it shares: a new
+  // one follows a lost connection, and what was opened or begun under an
+  // older one (handles, units) is given back as an ended owner's.  A store
+  // that cannot lose its session says 0.
+  virtual uint64_t session() const { return 0; }
 
   // The other owners that hold something in the store.
   virtual std::vector<Owner> owners() const = 0;
@@ -209,6 +232,30 @@ struct SqlitePaths {
 // (docs/persistence.md).  Throws Failure when they cannot be opened.
 // Makes the database file itself, mode 0600, before the engine opens it.
 std::unique_ptr<Store> makeSqliteStore(const SqlitePaths &paths);
+
+// Where a PostgreSQL store keeps things: the database that a URI names
+// (postgresql:// or postgres://, with any of libpq's parameters), in the
+// schema named as the queue manager, which the store makes and upgrades.
+struct PostgresPlace {
+  std::string uri;
+  std::string qmName;
+};
+
+// Whether VXQM_DATA names a PostgreSQL database rather than a directory.
+bool isPostgresUri(const std::string &text);
+
+// The PostgreSQL store, shared by every process on every host that names
+// the same database and queue manager (docs/persistence.md).  Throws
+// Failure: RC_Q_MGR_NOT_AVAILABLE when the server cannot be reached,
+// RC_STORE_ERROR when the schema cannot be made or used.
+std::unique_ptr<Store> makePostgresStore(const PostgresPlace &place);
+
+// The channel of the notifications of the queue manager `qmName`: its
+// payload is the name of a queue on which something changed.
+std::string postgresChannel(const std::string &qmName);
+
+// Empties the unlogged tables, as a crash of the server does (test hooks).
+void emptyPostgresVolatile(const PostgresPlace &place);
 
 // The account of a system error met while making or using a file of the
 // store: its reason (RC_STORE_FULL for a full disk, RC_STORE_READ_ONLY for a

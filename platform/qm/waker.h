@@ -33,6 +33,12 @@ class Waker {
 // missing).  Throws Failure (RC_STORE_ERROR) when the file cannot be used.
 std::unique_ptr<Waker> makeSharedWaker(const std::string &path);
 
+// The waker of a queue manager on PostgreSQL: counts in this process,
+// raised by the notifications of its channel (postgresChannel), on which a
+// thread of its own listens; a sleeper looks again at least every 1.5 s, in
+// case a notification was lost with a connection.
+std::unique_ptr<Waker> makePostgresWaker(const std::string &uri, const std::string &qmName);
+
 }  // namespace vxqm
 
 #endif  // VX_QM_WAKER_H

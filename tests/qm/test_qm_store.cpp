@@ -1,4 +1,4 @@
-// The store contract: every store (memory, SQLite) through the same cases,
+// The store contract: every store (memory, SQLite, PostgreSQL) through the same cases,
 // one for each promise of store.h.  Then what only a shared store does: two
 // SQLite stores on the same files (as two processes would have), owners that
 // end or die, what outlives a restart, a database of the first schema, and
@@ -18,9 +18,11 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "pg.h"
 #include "queue_manager.h"
 #include "store.h"
 
@@ -103,6 +105,40 @@ struct SqliteStores {
   SqlitePaths paths;
 };
 
+// The test server's database (tests/CMakeLists.txt, fixture "postgres"),
+// or "" with the failure said.
+std::string postgresUri() {
+  const char *directory = std::getenv("VX_TEST_POSTGRES_DIR");
+  if (directory == nullptr) {
+    ADD_FAILURE() << "VX_TEST_POSTGRES_DIR is not set: run under ctest (fixture postgres)";
+    return "";
+  }
+  std::ifstream file(std::string(directory) + "/uri");
+  std::string uri;
+  if (!std::getline(file, uri)) {
+    ADD_FAILURE() << "no PostgreSQL test server: " << directory << "/uri is missing";
+  }
+  return uri;
+}
+
+// A schema of its own for each test (its queue manager's name), dropped
+// after it: tests run in parallel on one server.
+struct PostgresStores {
+  static constexpr const char *kName = "Postgres";
+  void setUp() {
+    place.uri = postgresUri();
+    ASSERT_FALSE(place.uri.empty());
+    place.qmName = "store_" + std::to_string(getpid());
+  }
+  void tearDown() {
+    if (place.uri.empty()) return;
+    pg::Connection connection(place.uri);
+    connection.execute("DROP SCHEMA IF EXISTS " + connection.identifier(place.qmName) + " CASCADE");
+  }
+  std::unique_ptr<Store> open() const { return makePostgresStore(place); }
+  PostgresPlace place;
+};
+
 template <typename Stores>
 class StoreContract : public ::testing::Test {
  protected:
@@ -127,7 +163,7 @@ struct StoreName {
   }
 };
 
-using AllStores = ::testing::Types<MemoryStores, SqliteStores>;
+using AllStores = ::testing::Types<MemoryStores, SqliteStores, PostgresStores>;
 TYPED_TEST_SUITE(StoreContract, AllStores, StoreName);
 
 constexpr Durability kDurable = Durability::kDurable;
