@@ -444,6 +444,43 @@ TYPED_TEST(StoreContract, RemoveAndTakeSayFalseForAMessageNoLongerAvailable) {
   EXPECT_EQ(store.findMessage("Q", {}, this->now).message->descriptor.backoutCount, 1);
 }
 
+TYPED_TEST(StoreContract, ATakeTakesWhatFitsAndLeavesALongerMessageInItsPlace) {
+  Store &store = *this->store;
+  store.addMessage("Q", message(5, "longer"), kDurable, kAvailable, 0);
+  store.addMessage("Q", message(1, "one", 'a', 'x'), kVolatile, kAvailable, 0);
+  store.addMessage("Q", message(1, "two", 'b', 'x'), kDurable, kAvailable, 0);
+  Found found = store.takeMessage("Q", {}, this->now, 0, 5);
+  EXPECT_EQ(dataOf(found), "longer");
+  EXPECT_FALSE(found.taken);
+  EXPECT_EQ(browse(store, "Q", this->now), "longer one two");
+  found = store.takeMessage("Q", {}, this->now, 0, 6);
+  EXPECT_EQ(dataOf(found), "longer");
+  EXPECT_TRUE(found.taken);
+  EXPECT_EQ(found.key.priority, 5);
+  const std::string b(MSG_ID_LENGTH, 'b');
+  Selection selection;
+  selection.msgId = b.data();
+  found = store.takeMessage("Q", selection, this->now, 4, 100);
+  EXPECT_EQ(dataOf(found), "two");
+  EXPECT_TRUE(found.taken);
+  EXPECT_EQ(browse(store, "Q", this->now), "one");
+  EXPECT_EQ(store.depth("Q"), 2);
+  EXPECT_EQ(store.backout(4), (Names{"Q"}));
+  EXPECT_EQ(browse(store, "Q", this->now), "one two");
+  found = store.takeMessage("Q", selection, this->now, 0, 100);
+  EXPECT_TRUE(found.taken);
+  EXPECT_EQ(found.message->descriptor.backoutCount, 1);
+  Message delayed = message(0, "delayed");
+  delayed.visibleFrom = this->now + seconds(30);
+  store.addMessage("Q", std::move(delayed), kVolatile, kAvailable, 0);
+  EXPECT_TRUE(store.takeMessage("Q", {}, this->now, 0, 100).taken);
+  found = store.takeMessage("Q", {}, this->now, 0, 100);
+  EXPECT_EQ(found.message, nullptr);
+  EXPECT_FALSE(found.taken);
+  EXPECT_LT(std::chrono::abs(found.nextVisible - (this->now + seconds(30))), milliseconds(5));
+  EXPECT_EQ(store.depth("Q"), 1);
+}
+
 TYPED_TEST(StoreContract, UnitsOfWorkCommitAndBackOut) {
   Store &store = *this->store;
   store.addMessage("Q", message(1, "put7"), kDurable, MessageState::kPutInUnit, 7);
@@ -944,7 +981,9 @@ bool awaitByte(int fd) {
 class Peer {
  public:
   template <typename Work>
-  Peer(const SqlitePaths &paths, Work work) {
+  Peer(const SqlitePaths &paths, Work work) : Peer([&] { return makeSqliteStore(paths); }, work) {}
+  template <typename Open, typename Work>
+  Peer(Open open, Work work) {
     int toParent[2];
     int toChild[2];
     if (pipe(toParent) != 0 || pipe(toChild) != 0) return;
@@ -954,7 +993,7 @@ class Peer {
       ::close(toChild[1]);
       bool worked = false;
       try {
-        std::unique_ptr<Store> store = makeSqliteStore(paths);
+        std::unique_ptr<Store> store = open();
         worked = work(*store);
         store.release();  // left as a killed process leaves it
       } catch (...) {
@@ -1348,6 +1387,111 @@ TEST_F(SharedSqliteStore, AnOwnerFileBeingMadeIsNotTakenForALeftover) {
   // its own left.
   open().reset();
   EXPECT_FALSE(std::filesystem::exists(making));
+}
+
+// ---------------------------------------------------------------------------
+// What only a shared store does: PostgreSQL stores on one schema.
+
+class SharedPostgresStore : public ::testing::Test {
+ protected:
+  void SetUp() override { stores.setUp(); }
+  void TearDown() override { stores.tearDown(); }
+  std::unique_ptr<Store> open() const { return stores.open(); }
+  PostgresStores stores;
+  const Clock::time_point now = Clock::now();
+};
+
+TEST_F(SharedPostgresStore, TwoStoresShareEverythingAndOnlyOneTakesAMessage) {
+  auto one = open();
+  auto other = open();
+  one->createQueue(queue("Q"), 0);
+  EXPECT_TRUE(other->findQueue("Q", nullptr));
+  const int64_t handle = one->addHandle("Q", OPEN_INPUT_EXCLUSIVE);
+  EXPECT_TRUE(other->openCounts("Q").exclusiveInput);
+  one->addMessage("Q", message(0, "a"), kDurable, kAvailable, 0);
+  other->addMessage("Q", message(0, "b"), kVolatile, kAvailable, 0);
+  EXPECT_EQ(browse(*one, "Q", now), "a b");
+  const Found found = one->findMessage("Q", {}, now);
+  EXPECT_TRUE(other->takeMessage("Q", {}, now, 0, 100).taken);
+  EXPECT_FALSE(one->removeMessage("Q", found.key)) << "the other took it first";
+  EXPECT_EQ(dataOf(one->takeMessage("Q", {}, now, 0, 100)), "b");
+  one->removeHandle(handle);
+  EXPECT_FALSE(other->openCounts("Q").exclusiveInput);
+}
+
+TEST_F(SharedPostgresStore, AnOwnerEndsWhenItsSessionEndsHoweverItEnds) {
+  auto one = open();
+  one->createQueue(queue("Q"), 0);
+  one->addMessage("Q", message(5, "got"), kDurable, kAvailable, 0);
+  one->addMessage("Q", message(0, "plain"), kVolatile, kAvailable, 0);
+  EXPECT_TRUE(one->owners().empty());
+  Peer peer([this] { return open(); },
+            [](Store &store) {
+              const Clock::time_point now = Clock::now();
+              if (!store.takeMessage("Q", {}, now, 1, 100).taken) return false;
+              store.addMessage("Q", message(9, "put"), kDurable, MessageState::kPutInUnit, 1);
+              store.addHandle("Q", OPEN_INPUT_EXCLUSIVE);
+              const int64_t creator = store.addHandle("TEMP", OPEN_INPUT_SHARED);
+              QueueDefinition temporary = queue("TEMP");
+              temporary.definitionType = DEFTYPE_TEMPORARY_DYNAMIC;
+              store.createQueue(temporary, creator);
+              return true;
+            });
+  ASSERT_TRUE(peer.worked());
+  std::vector<Owner> owners = one->owners();
+  ASSERT_EQ(owners.size(), 1u);
+  EXPECT_EQ(owners[0].pid, peer.pid());
+  EXPECT_FALSE(one->ownerEnded(owners[0])) << "alive";
+  EXPECT_TRUE(one->openCounts("Q").exclusiveInput);
+  EXPECT_EQ(one->depth("Q"), 3);
+  peer.die();
+  // The server ends the session of a process that died once it sees its
+  // socket closed.
+  bool ended = false;
+  for (int i = 0; i < 100 && !ended; ++i) {
+    owners = one->owners();
+    ended = owners.size() == 1 && one->ownerEnded(owners[0]);
+    if (!ended) usleep(20000);
+  }
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(one->endOwner(owners[0]), (Names{"Q"}));
+  EXPECT_TRUE(one->owners().empty());
+  EXPECT_EQ(one->queueNames(), (Names{"Q"}));
+  EXPECT_FALSE(one->openCounts("Q").exclusiveInput);
+  const Found found = one->findMessage("Q", {}, now);
+  EXPECT_EQ(dataOf(found), "got");
+  EXPECT_EQ(found.message->descriptor.backoutCount, 1);
+  EXPECT_EQ(browse(*one, "Q", now), "got plain");
+}
+
+TEST_F(SharedPostgresStore, TheSchemaKeepsItsVersionAndALaterOneIsRefused) {
+  open().reset();
+  pg::Connection connection(stores.place.uri);
+  const std::string schema = connection.identifier(stores.place.qmName);
+  EXPECT_EQ(
+      connection.query({nullptr, ("SELECT version FROM " + schema + ".schema_version").c_str()})
+          .integer(0, 0),
+      1);
+  connection.execute("UPDATE " + schema + ".schema_version SET version = 99");
+  try {
+    open();
+    ADD_FAILURE() << "a schema of a later version was opened";
+  } catch (const Failure &failure) {
+    EXPECT_EQ(failure.reason, RC_STORE_ERROR);
+  }
+  admin::StoreFailure account;
+  ASSERT_TRUE(findStoreFailure(stores.place.qmName, &account));
+  EXPECT_NE(account.cause.find("later version"), std::string::npos) << account.cause;
+}
+
+TEST_F(SharedPostgresStore, AServerThatCannotBeReachedIsNotAvailable) {
+  PostgresPlace nowhere{"postgresql://vxtest@127.0.0.1:1/vxtest", "QM1"};
+  try {
+    makePostgresStore(nowhere);
+    ADD_FAILURE() << "opened";
+  } catch (const Failure &failure) {
+    EXPECT_EQ(failure.reason, RC_Q_MGR_NOT_AVAILABLE);
+  }
 }
 
 TEST(QmNames, FieldsAndRules) {
