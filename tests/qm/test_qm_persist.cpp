@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -110,7 +111,7 @@ class QmPersist : public ::testing::Test {
     vxqm::test::restart(kQm);  // leaves nothing in memory
     unsetenv("VXQM_DATA");
     vxqm::test::reset(kQm);  // back in memory: the files can go
-    std::filesystem::remove_all(directory_);
+    if (!directory_.empty()) std::filesystem::remove_all(directory_);
   }
   // Ends the queue manager as a restart of the machine does, and opens it
   // again.
@@ -160,6 +161,50 @@ class QmPersist : public ::testing::Test {
 
   std::string directory_;
 };
+
+// What every shared store does, over SQLite and over PostgreSQL: the
+// PostgreSQL queue manager lives in a database of the test's own on the
+// test server (tests/CMakeLists.txt, fixture "postgres"), so that tests run
+// in parallel.
+class QmShared : public QmPersist, public ::testing::WithParamInterface<std::string> {
+ protected:
+  void SetUp() override {
+    if (GetParam() == "Postgres") {
+      const char *directory = std::getenv("VX_TEST_POSTGRES_DIR");
+      ASSERT_NE(directory, nullptr) << "VX_TEST_POSTGRES_DIR is not set: run under ctest";
+      std::ifstream file(std::string(directory) + "/uri");
+      ASSERT_TRUE(std::getline(file, serverUri_))
+          << "no PostgreSQL test server: " << directory << "/uri is missing";
+      database_ = "persist_" + std::to_string(getpid());
+      ASSERT_EQ(psql("DROP DATABASE IF EXISTS " + database_ + " WITH (FORCE)"), 0);
+      ASSERT_EQ(psql("CREATE DATABASE " + database_), 0);
+      std::string uri = serverUri_;
+      const size_t name = uri.find("/vxtest?");
+      ASSERT_NE(name, std::string::npos) << uri;
+      uri.replace(name, 7, "/" + database_);
+      setenv("VXQM_DATA", uri.c_str(), 1);
+      vxqm::test::reset(kQm);
+      directory_.clear();
+      return;
+    }
+    QmPersist::SetUp();
+  }
+  void TearDown() override {
+    QmPersist::TearDown();
+    if (!database_.empty()) psql("DROP DATABASE IF EXISTS " + database_ + " WITH (FORCE)");
+  }
+  // Runs one statement on the test server's own database.
+  int psql(const std::string &sql) const {
+    const std::string command = "psql -q -v ON_ERROR_STOP=1 '" + serverUri_ +
+                                "' -c 'SET client_min_messages = warning' -c '" + sql + "'";
+    return std::system(command.c_str());
+  }
+  std::string serverUri_;
+  std::string database_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, QmShared, ::testing::Values("Sqlite", "Postgres"),
+                         [](const auto &info) { return info.param; });
 
 TEST_F(QmPersist, TheDatabaseIsOneFileInTheDataDirectory) {
   Connection c(kQm);
@@ -326,7 +371,7 @@ TEST_F(QmPersist, AFileThatIsNotADatabaseIsNamed) {
   vxqm::test::reset(kQm);
 }
 
-TEST_F(QmPersist, DefinitionsAndPersistentMessagesSurviveARestart) {
+TEST_P(QmShared, DefinitionsAndPersistentMessagesSurviveARestart) {
   createQueue("KEPT");
   vxqm::QueueChanges changes;
   changes.description = "changed";
@@ -348,7 +393,7 @@ TEST_F(QmPersist, DefinitionsAndPersistentMessagesSurviveARestart) {
   EXPECT_EQ(drain("KEPT"), (std::vector<std::string>{"persistent"}));
 }
 
-TEST_F(QmPersist, PersistenceAsTheQueueDefault) {
+TEST_P(QmShared, PersistenceAsTheQueueDefault) {
   createQueue("DEFAULT.P", PERSISTENCE_PERSISTENT);
   createQueue("DEFAULT.N", PERSISTENCE_NOT_PERSISTENT);
   {
@@ -364,7 +409,7 @@ TEST_F(QmPersist, PersistenceAsTheQueueDefault) {
   EXPECT_EQ(drain("DEFAULT.N"), (std::vector<std::string>{"n-but-persistent"}));
 }
 
-TEST_F(QmPersist, AnOpenUnitOfWorkEndsWithItsQueueManager) {
+TEST_P(QmShared, AnOpenUnitOfWorkEndsWithItsQueueManager) {
   createQueue("UNIT");
   {
     Connection c(kQm);
@@ -386,7 +431,7 @@ TEST_F(QmPersist, AnOpenUnitOfWorkEndsWithItsQueueManager) {
   EXPECT_EQ(again.get(in, &data), failed(RC_NO_MSG_AVAILABLE));
 }
 
-TEST_F(QmPersist, NonPersistentMessagesMoveBetweenProcesses) {
+TEST_P(QmShared, NonPersistentMessagesMoveBetweenProcesses) {
   createQueue("MIXED");
   Connection c(kQm);
   int32_t hobj = c.open("MIXED", OPEN_OUTPUT | OPEN_INPUT_SHARED);
@@ -399,7 +444,7 @@ TEST_F(QmPersist, NonPersistentMessagesMoveBetweenProcesses) {
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));
 }
 
-TEST_F(QmPersist, AUnitIsInvisibleToAnotherProcessUntilCommitted) {
+TEST_P(QmShared, AUnitIsInvisibleToAnotherProcessUntilCommitted) {
   createQueue("SYNC");
   Connection c(kQm);
   int32_t hobj = c.open("SYNC", OPEN_OUTPUT);
@@ -415,7 +460,7 @@ TEST_F(QmPersist, AUnitIsInvisibleToAnotherProcessUntilCommitted) {
   EXPECT_EQ(peer.wait(), 0);
 }
 
-TEST_F(QmPersist, TheUnitOfAProcessThatDiesIsBackedOut) {
+TEST_P(QmShared, TheUnitOfAProcessThatDiesIsBackedOut) {
   createQueue("DIES");
   {
     Connection c(kQm);
@@ -439,7 +484,7 @@ TEST_F(QmPersist, TheUnitOfAProcessThatDiesIsBackedOut) {
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // its put vanished
 }
 
-TEST_F(QmPersist, AWaitingGetSeesAPutOfAnotherProcessWithin50ms) {
+TEST_P(QmShared, AWaitingGetSeesAPutOfAnotherProcessWithin50ms) {
   createQueue("WAKE");
   Connection c(kQm);
   int32_t hobj = c.open("WAKE", OPEN_INPUT_SHARED);
@@ -456,7 +501,7 @@ TEST_F(QmPersist, AWaitingGetSeesAPutOfAnotherProcessWithin50ms) {
   EXPECT_EQ(peer.wait(), 0);
 }
 
-TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
+TEST_P(QmShared, TwoProcessesMove10000MessagesAndLoseNone) {
   createQueue("SHARED");
   constexpr int kEach = 5000;
   // Two processes put half each while two others take whatever comes, in
@@ -484,7 +529,7 @@ TEST_F(QmPersist, TwoProcessesMove10000MessagesAndLoseNone) {
   expectEachOnce(got, expected);
 }
 
-TEST_F(QmPersist, FourProcessesPutAndGet10000MixedMessagesEachOnce) {
+TEST_P(QmShared, FourProcessesPutAndGet10000MixedMessagesEachOnce) {
   createQueue("MIXED.LOAD");
   constexpr int kEach = 10000;
   // Four processes put, persistent and not in turn, while four take
@@ -513,7 +558,7 @@ TEST_F(QmPersist, FourProcessesPutAndGet10000MixedMessagesEachOnce) {
   expectEachOnce(got, expected);
 }
 
-TEST_F(QmPersist, OpenCountsAndExclusiveInputCountEveryProcess) {
+TEST_P(QmShared, OpenCountsAndExclusiveInputCountEveryProcess) {
   createQueue("OPENS");
   Peer holder({"hold", "OPENS", std::to_string(OPEN_INPUT_EXCLUSIVE | OPEN_OUTPUT)});
   std::string line;
@@ -554,7 +599,7 @@ TEST_F(QmPersist, OpenCountsAndExclusiveInputCountEveryProcess) {
   EXPECT_EQ(again.lines(), (std::vector<std::string>{"0"}));
 }
 
-TEST_F(QmPersist, AKilledProcessGivesBackItsHandlesTemporaryQueueAndUnit) {
+TEST_P(QmShared, AKilledProcessGivesBackItsHandlesTemporaryQueueAndUnit) {
   createQueue("HELD");
   {
     Connection c(kQm);
@@ -595,7 +640,7 @@ TEST_F(QmPersist, AKilledProcessGivesBackItsHandlesTemporaryQueueAndUnit) {
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));  // its put vanished
 }
 
-TEST_F(QmPersist, AGetThatWouldWaitTakesBackWhatADeadProcessGot) {
+TEST_P(QmShared, AGetThatWouldWaitTakesBackWhatADeadProcessGot) {
   createQueue("BACK");
   Connection c(kQm);
   int32_t hobj = c.open("BACK", OPEN_OUTPUT | OPEN_INPUT_SHARED);
@@ -612,7 +657,7 @@ TEST_F(QmPersist, AGetThatWouldWaitTakesBackWhatADeadProcessGot) {
   EXPECT_EQ(data, "taken");
 }
 
-TEST_F(QmPersist, EveryConnectGivesBackWhatADeadProcessHeld) {
+TEST_P(QmShared, EveryConnectGivesBackWhatADeadProcessHeld) {
   createQueue("CONNECTS");
   Connection first(kQm);  // the queue manager of this process is made
   Peer holder({"hold", "CONNECTS", std::to_string(OPEN_INPUT_EXCLUSIVE)});
@@ -650,7 +695,7 @@ TEST_F(QmPersist, ProcessesOpeningTheStoreAtOnceAllConnect) {
   EXPECT_EQ(left.size(), 1u);
 }
 
-TEST_F(QmPersist, TheMaximumDepthHoldsForTwoProcessesPuttingAtOnce) {
+TEST_P(QmShared, TheMaximumDepthHoldsForTwoProcessesPuttingAtOnce) {
   // The check of the depth and the put are one step: no put of the other
   // process comes between them, so neither overfills the queue.
   vxqm::QueueChanges changes;
@@ -665,7 +710,7 @@ TEST_F(QmPersist, TheMaximumDepthHoldsForTwoProcessesPuttingAtOnce) {
   EXPECT_EQ(drain("FILLED").size(), 200u);
 }
 
-TEST_F(QmPersist, EveryPutThatReturnedSurvivesAKill) {
+TEST_P(QmShared, EveryPutThatReturnedSurvivesAKill) {
   createQueue("KILLED");
   Peer peer({"put", "KILLED", "1000000", "M"});
   std::string line;
