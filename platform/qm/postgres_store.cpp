@@ -378,7 +378,7 @@ class PostgresStore final : public Store {
         takeTexts_[into][v] = takeText(v, into);
       }
     }
-    openSession(RC_Q_MGR_NOT_AVAILABLE);
+    openSession();
   }
 
   ~PostgresStore() override {
@@ -780,13 +780,16 @@ class PostgresStore final : public Store {
   pg::Connection &usableConnection() const {
     if (connection_ && !connection_->lost()) return *connection_;
     noteLost();
-    if (stepDepth_ > 0 || inTransaction_) {
+    // A transaction that began on the server was lost with it; one whose
+    // BEGIN waits to be sent has done nothing yet, and starts on the new
+    // session.
+    if ((stepDepth_ > 0 || inTransaction_) && !beginPending_) {
       failed({RC_CONNECTION_BROKEN, StoreProblem::kOther, location_, "using the database",
               "the connection to the server was lost"});
     }
     // A new session changes nothing that the store holds: what the old one
     // held is given back as another owner's.
-    const_cast<PostgresStore *>(this)->openSession(RC_Q_MGR_NOT_AVAILABLE);
+    const_cast<PostgresStore *>(this)->openSession();
     return *connection_;
   }
 
@@ -847,17 +850,16 @@ class PostgresStore final : public Store {
 
   [[noreturn]] void failed(const StoreFailure &failure) const { storeFailed(qmName_, failure); }
 
-  // A new session: connects, makes or checks the schema, takes the owner's
-  // lock before its row is seen, and gives back what this store's previous
-  // session held when its lock is free.  Throws Failure with `unreachable`
-  // when the server cannot be reached.
-  void openSession(int32_t unreachable) {
-    const std::string previous = owner_;
+  // A new session: connects, makes or checks the schema, and takes the
+  // owner's lock before its row is seen.  What a previous session held is
+  // another owner's from here on, given back once its lock is free.  Throws
+  // Failure (RC_Q_MGR_NOT_AVAILABLE) when the server cannot be reached.
+  void openSession() {
     connection_.reset();
     try {
       connection_ = std::make_unique<pg::Connection>(uri_);
     } catch (const pg::Error &error) {
-      failed({unreachable, StoreProblem::kOther, location_, "connecting to the server",
+      failed({RC_Q_MGR_NOT_AVAILABLE, StoreProblem::kOther, location_, "connecting to the server",
               error.message});
     }
     self_ = thisProcess();
@@ -893,17 +895,12 @@ class PostgresStore final : public Store {
     } catch (const pg::Error &error) {
       connection_.reset();
       if (error.lost) {
-        failed(
-            {unreachable, StoreProblem::kOther, location_, "opening the database", error.message});
+        failed({RC_Q_MGR_NOT_AVAILABLE, StoreProblem::kOther, location_, "opening the database",
+                error.message});
       }
       fail(error, "opening the database");
     }
     lostNoted_ = false;
-    if (!previous.empty()) {
-      Owner old;
-      old.token = previous;
-      if (ownerEnded(old)) endOwner(old);
-    }
   }
 
   const std::string uri_;

@@ -304,21 +304,24 @@ Connection &QueueManager::connection(int32_t hconn) {
   return it->second;
 }
 
-ObjectHandle &QueueManager::handle(Connection &connection, int32_t hobj) {
+ObjectHandle &QueueManager::anyHandle(Connection &connection, int32_t hobj) {
   auto it = connection.handles.find(hobj);
   if (it == connection.handles.end()) fail(RC_HOBJ_ERROR);
-  // Opened in a session of the store that was lost: the other owners gave
-  // its open back.  Only a close still works (closeObject).
-  if (it->second.queue && it->second.storeSession != store_->session()) {
-    fail(RC_CONNECTION_BROKEN);
-  }
   return it->second;
+}
+
+ObjectHandle &QueueManager::handle(Connection &connection, int32_t hobj) {
+  ObjectHandle &h = anyHandle(connection, hobj);
+  // Opened in a session of the store that was lost: the other owners give
+  // its open back.  Only a close still works (closeObject).
+  if (h.queue && h.storeSession != store_->session()) fail(RC_CONNECTION_BROKEN);
+  return h;
 }
 
 void QueueManager::checkHandles(int32_t hconn, std::optional<int32_t> hobj) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
-  if (hobj) handle(c, *hobj);
+  if (hobj) anyHandle(c, *hobj);
 }
 
 QueueDefinition QueueManager::definition(const std::string &queue) const {
@@ -461,11 +464,11 @@ void QueueManager::close(int32_t hconn, int32_t hobj, int32_t options) {
 }
 
 void QueueManager::closeObject(Connection &c, int32_t hobj, int32_t options) {
-  auto found = c.handles.find(hobj);
-  if (found == c.handles.end()) fail(RC_HOBJ_ERROR);
-  ObjectHandle &h = found->second;
+  ObjectHandle &h = anyHandle(c, hobj);
   std::vector<std::string> deleted;
-  if (h.queue && !h.queue->deleted) {
+  // A handle of a lost session of the store has nothing left there to
+  // close: the other owners give its open back.
+  if (h.queue && !h.queue->deleted && h.storeSession == store_->session()) {
     // A queue deleted since the open has nothing left to close.  With the
     // memory store, a plain close of a handle that made no queue allocates
     // nothing: a disconnect and a put1 close whatever memory is left.

@@ -159,6 +159,9 @@ class QueueManager {
   using Lock = std::unique_lock<AdaptiveMutex>;
 
   Connection &connection(int32_t hconn);
+  // A handle of the connection (RC_HOBJ_ERROR), and one that may be used:
+  // RC_CONNECTION_BROKEN for a handle of a lost session of the store.
+  ObjectHandle &anyHandle(Connection &connection, int32_t hobj);
   ObjectHandle &handle(Connection &connection, int32_t hobj);
   QueueDefinition definition(const std::string &queue) const;
   // The definition of the queue an open handle names: RC_Q_DELETED when it
