@@ -391,6 +391,12 @@ std::string prepareDataDirectory(const GlobalOptions &options) {
   bool named = false;
   std::string dir = dataDirectoryOf(options, &named);
   if (dir.empty()) throw Outcome{kFailure, "no data directory: give --data DIR or set VXQM_DATA"};
+  // A PostgreSQL database (docs/persistence.md): the queue manager's store
+  // makes what it needs there.
+  if (dir.starts_with("postgresql://") || dir.starts_with("postgres://")) {
+    setenv("VXQM_DATA", dir.c_str(), 1);
+    return dir;
+  }
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   for (size_t slash = named ? dir.size() : 1; slash <= dir.size(); ++slash) {
     if (slash != dir.size() && dir[slash] != '/') continue;
