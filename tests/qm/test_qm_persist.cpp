@@ -206,6 +206,42 @@ class QmShared : public QmPersist, public ::testing::WithParamInterface<std::str
 INSTANTIATE_TEST_SUITE_P(Stores, QmShared, ::testing::Values("Sqlite", "Postgres"),
                          [](const auto &info) { return info.param; });
 
+// What only a store shared across hosts does.
+class QmHosts : public QmShared {};
+
+INSTANTIATE_TEST_SUITE_P(Stores, QmHosts, ::testing::Values("Postgres"),
+                         [](const auto &info) { return info.param; });
+
+TEST_P(QmHosts, AKilledProcessOfAnotherHostIsEndedByItsLock) {
+  // Another host's pid means nothing here: only the session's advisory
+  // lock, dropped by the server when the session ends, tells that it ended.
+  createQueue("REMOTE");
+  setenv("VXQM_HOST", "another-host", 1);
+  Peer holder({"hold", "REMOTE", std::to_string(OPEN_INPUT_EXCLUSIVE)});
+  unsetenv("VXQM_HOST");
+  std::string line;
+  ASSERT_TRUE(holder.line(&line));
+  ASSERT_EQ(line.rfind("ready ", 0), 0u) << line;
+  Connection c(kQm);
+  c.open("REMOTE", OPEN_INPUT_SHARED, failed(RC_OBJECT_IN_USE));
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 1);
+  holder.kill9();
+  int32_t hobj = 0;
+  for (int tries = 0; tries < 100 && hobj == 0; ++tries) {
+    vxOBJDESC od = OD_DEFAULT;
+    qmtest::setField(od.objectName, sizeof od.objectName, "REMOTE");
+    Status s;
+    qmOPEN(c.hconn(), &od, OPEN_INPUT_EXCLUSIVE, &hobj, &s.compCode, &s.reason);
+    if (s != ok()) {
+      EXPECT_EQ(s, failed(RC_OBJECT_IN_USE));
+      hobj = 0;
+      usleep(20000);  // until the server has seen the session end
+    }
+  }
+  EXPECT_NE(hobj, 0) << "the dead process of another host still holds the queue";
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 0);
+}
+
 TEST_F(QmPersist, TheDatabaseIsOneFileInTheDataDirectory) {
   Connection c(kQm);
   EXPECT_TRUE(std::filesystem::exists(directory_ + "/PQM.db"));
