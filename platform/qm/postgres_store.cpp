@@ -235,10 +235,12 @@ const Statement kEndOwner{
     " h AS (DELETE FROM handles WHERE owner = $1 OR queue IN (SELECT name FROM temporary)),"
     " o AS (DELETE FROM owners WHERE token = $1)"
     " SELECT DISTINCT queue FROM kept"};
-// Depth rows of every queue: the volatile ones are gone after a crash.
+// Depth rows of every queue, and of none other: after a crash the volatile
+// ones are gone, and the durable ones of temporary queues are left.
 const Statement kRepairDepths{
     "repair_depths",
-    "INSERT INTO depths SELECT name, d, 0 FROM queues, (VALUES (true), (false)) v (d)"
+    "WITH gone AS (DELETE FROM depths WHERE queue NOT IN (SELECT name FROM queues))"
+    " INSERT INTO depths SELECT name, d, 0 FROM queues, (VALUES (true), (false)) v (d)"
     " ON CONFLICT DO NOTHING"};
 
 // Which messages a search or a take considers: the statement's variants

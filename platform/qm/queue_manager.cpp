@@ -349,10 +349,24 @@ std::shared_ptr<QueueState> QueueManager::sharedState(const std::string &queue) 
 void QueueManager::disconnect(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
-  if (c.unit != 0) endUnit(c, false);
-  // A failure leaves the connection with the handles not yet closed: the
-  // disconnect may be made again.
-  while (!c.handles.empty()) closeObject(c, c.handles.begin()->first, CLOSE_NONE);
+  // A store that loses its session on the way has the rest closed in this
+  // process alone: the other owners give back what that session held.
+  // Another failure leaves the connection with the handles not yet closed:
+  // the disconnect may be made again.
+  try {
+    if (c.unit != 0) endUnit(c, false);
+  } catch (const Failure &failure) {
+    if (failure.reason != RC_CONNECTION_BROKEN) throw;
+    c.unit = 0;
+  }
+  while (!c.handles.empty()) {
+    try {
+      closeObject(c, c.handles.begin()->first, CLOSE_NONE);
+    } catch (const Failure &failure) {
+      // The handle is now of the lost session: the next round closes it here.
+      if (failure.reason != RC_CONNECTION_BROKEN) throw;
+    }
+  }
   connections_.erase(hconn);
   awaitDurable(lock);
 }

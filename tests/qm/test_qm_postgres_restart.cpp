@@ -157,4 +157,35 @@ TEST_F(PostgresRestart, AWaitingGetEndsWithTheConnectionAndTheNextGetReconnects)
   EXPECT_EQ(data, "fresh");
 }
 
+TEST_F(PostgresRestart, ACrashKeepsDefinitionsAndPersistentMessagesOnly) {
+  vxqm::admin::deleteQueue(kQm, "C", true);
+  ASSERT_EQ(vxqm::admin::createQueue(kQm, "C", {}), RC_NONE);
+  {
+    Connection c(kQm);
+    const int32_t hobj = c.open("C", OPEN_OUTPUT);
+    for (const int32_t persistence : {PERSISTENCE_PERSISTENT, PERSISTENCE_NOT_PERSISTENT}) {
+      vxMSGDESC md = MD_DEFAULT;
+      md.persistence = persistence;
+      EXPECT_EQ(c.put(hobj, persistence == PERSISTENCE_PERSISTENT ? "kept" : "lost", &md), ok());
+    }
+    c.open("SYSTEM.DEFAULT.MODEL.QUEUE", OPEN_INPUT_EXCLUSIVE);
+    EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 1);
+    restartServer();
+  }
+  // The disconnect met the lost session and closed what it held here alone.
+  EXPECT_EQ(vxqm::test::connectionCount(kQm), 0);
+  int32_t count = -1;
+  for (int tries = 0; tries < 100 && count < 0; ++tries) {
+    count = vxqm::test::messageCount(kQm, "C");
+    if (count < 0) std::this_thread::sleep_for(milliseconds(100));
+  }
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(vxqm::test::temporaryQueueCount(kQm), 0);
+  Connection c(kQm);
+  const int32_t hobj = c.open("C", OPEN_INPUT_SHARED);
+  std::string data;
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "kept");
+}
+
 }  // namespace
