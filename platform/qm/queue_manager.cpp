@@ -349,14 +349,18 @@ std::shared_ptr<QueueState> QueueManager::sharedState(const std::string &queue) 
 void QueueManager::disconnect(int32_t hconn) {
   Lock lock(mutex_);
   Connection &c = connection(hconn);
-  // A store that loses its session on the way has the rest closed in this
-  // process alone: the other owners give back what that session held.
+  // A store that loses its session on the way (RC_CONNECTION_BROKEN, or
+  // RC_Q_MGR_NOT_AVAILABLE when no new one opens) has the rest closed in
+  // this process alone: the other owners give back what that session held.
   // Another failure leaves the connection with the handles not yet closed:
   // the disconnect may be made again.
+  auto sessionLost = [](const Failure &failure) {
+    return failure.reason == RC_CONNECTION_BROKEN || failure.reason == RC_Q_MGR_NOT_AVAILABLE;
+  };
   try {
     if (c.unit != 0) endUnit(c, false);
   } catch (const Failure &failure) {
-    if (failure.reason != RC_CONNECTION_BROKEN) throw;
+    if (!sessionLost(failure)) throw;
     c.unit = 0;
   }
   while (!c.handles.empty()) {
@@ -364,7 +368,7 @@ void QueueManager::disconnect(int32_t hconn) {
       closeObject(c, c.handles.begin()->first, CLOSE_NONE);
     } catch (const Failure &failure) {
       // The handle is now of the lost session: the next round closes it here.
-      if (failure.reason != RC_CONNECTION_BROKEN) throw;
+      if (!sessionLost(failure)) throw;
     }
   }
   connections_.erase(hconn);
