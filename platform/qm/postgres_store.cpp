@@ -190,6 +190,19 @@ const Statement kAddMessage{
     "INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
     " expires, visible, descriptor, data) VALUES (nextval('message_sequence'), $1, $2, $3, $4,"
     " $5, $6, $7, $8, $9, $10, $11, $12) RETURNING seq"};
+// A put's add with its depth check: the expired messages go, the depth rows
+// are locked (a put of another session waits here for this one to end, and
+// then reads its depth), and the message is added while the depth, less
+// the expired, is below $14.
+const Statement kAddMessageWithin{
+    "add_message_within",
+    "WITH expired AS (DELETE FROM messages WHERE queue = $2 AND expires <= $13 AND state <> 2"
+    " RETURNING 1), held AS (SELECT coalesce(sum(depth), 0) AS depth FROM"
+    " (SELECT depth FROM depths WHERE queue = $2 FOR UPDATE) d)"
+    " INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
+    " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5,"
+    " $6, $7, $8, $9, $10, $11, $12 FROM held"
+    " WHERE held.depth - (SELECT count(*) FROM expired) < $14 RETURNING seq"};
 const Statement kRemoveMessage{"remove_message",
                                "DELETE FROM messages WHERE seq = $1 AND state = 0"};
 const Statement kTakeInUnit{
@@ -312,10 +325,10 @@ std::string findText(unsigned variant) {
          " SELECT 1, * FROM first" + nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)");
 }
 
-// A take in one statement: the first visible message, skipping those that
-// others are taking, is removed (or taken into the unit) when its data is
-// no longer than the limit (kind 1), else left in its place and returned
-// (kind 2); with none, the next visible time (kind 0).
+// A take in one statement: the expired messages go, and the first visible
+// message, skipping those that others are taking, is removed (or taken into the unit) when its data
+// is no longer than the limit (kind 1), else left in its place and returned (kind 2); with none,
+// the next visible time (kind 0).
 std::string takeText(unsigned variant, TakeInto into) {
   int next = 3;
   const std::string match = matchConditions(variant, &next);
@@ -337,7 +350,9 @@ std::string takeText(unsigned variant, TakeInto into) {
              " AND octet_length(m.data) <= " +
              longest + returning;
   }
-  return "WITH first AS (SELECT seq, durable FROM messages WHERE " + match +
+  return "WITH expired AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2),"
+         " first AS (SELECT seq, durable FROM messages WHERE " +
+         match +
          " AND (visible IS NULL OR visible <= $2) ORDER BY priority DESC, seq LIMIT 1"
          " FOR UPDATE SKIP LOCKED), taken AS (" +
          taking + ") SELECT 1, * FROM taken UNION ALL SELECT 2, m.seq, m.priority, m.backout," +
@@ -487,35 +502,23 @@ class PostgresStore final : public Store {
 
   MessageKey addMessage(const std::string &queue, Message message, Durability durability,
                         MessageState state, uint64_t unit) override {
-    const vxMSGDESC &md = message.descriptor;
-    pg::Params params;
-    params.text(durability == Durability::kDurable ? "true" : "false")
-        .text(queue)
-        .integer(md.priority)
-        .integer(rowState(state));
-    if (state == MessageState::kPutInUnit) {
-      params.text(owner_);
-    } else {
-      params.null();
-    }
-    params.integer(static_cast<int64_t>(unit))
-        .bytes(md.msgId, MSG_ID_LENGTH)
-        .bytes(md.correlId, CORREL_ID_LENGTH);
-    if (message.expiresAt != Clock::time_point::max()) {
-      params.integer(wallMilliseconds(message.expiresAt));
-    } else {
-      params.null();
-    }
-    if (message.visibleFrom != Clock::time_point::min()) {
-      params.integer(wallMilliseconds(message.visibleFrom));
-    } else {
-      params.null();
-    }
-    params.bytes(&md, sizeof md).bytes(message.data.data(), message.data.size());
     // The notification goes in the same round trip and the same transaction.
     if (state == MessageState::kAvailable) notify(queue);
-    const int64_t sequence = query(kAddMessage, std::move(params)).integer(0, 0);
-    return MessageKey{md.priority, static_cast<uint64_t>(sequence)};
+    const int64_t sequence =
+        query(kAddMessage, messageParams(queue, message, durability, state, unit)).integer(0, 0);
+    return MessageKey{message.descriptor.priority, static_cast<uint64_t>(sequence)};
+  }
+
+  std::optional<MessageKey> addMessageWithin(const std::string &queue, Message message,
+                                             Durability durability, MessageState state,
+                                             uint64_t unit, int32_t maxDepth,
+                                             Clock::time_point now) override {
+    if (state == MessageState::kAvailable) notify(queue);
+    pg::Params params = messageParams(queue, message, durability, state, unit);
+    params.integer(wallMilliseconds(now)).integer(maxDepth);
+    const pg::Result r = query(kAddMessageWithin, std::move(params));
+    if (r.rows() == 0) return std::nullopt;
+    return MessageKey{message.descriptor.priority, static_cast<uint64_t>(r.integer(0, 0))};
   }
 
   Found findMessage(const std::string &queue, const Selection &selection,
@@ -658,6 +661,37 @@ class PostgresStore final : public Store {
         .integer(definition.inhibitPut)
         .integer(definition.maxMsgLength)
         .integer(definition.maxDepth);
+    return params;
+  }
+
+  // A message's columns, as $1 .. $12 of kAddMessage.
+  pg::Params messageParams(const std::string &queue, const Message &message, Durability durability,
+                           MessageState state, uint64_t unit) const {
+    const vxMSGDESC &md = message.descriptor;
+    pg::Params params;
+    params.text(durability == Durability::kDurable ? "true" : "false")
+        .text(queue)
+        .integer(md.priority)
+        .integer(rowState(state));
+    if (state == MessageState::kPutInUnit) {
+      params.text(owner_);
+    } else {
+      params.null();
+    }
+    params.integer(static_cast<int64_t>(unit))
+        .bytes(md.msgId, MSG_ID_LENGTH)
+        .bytes(md.correlId, CORREL_ID_LENGTH);
+    if (message.expiresAt != Clock::time_point::max()) {
+      params.integer(wallMilliseconds(message.expiresAt));
+    } else {
+      params.null();
+    }
+    if (message.visibleFrom != Clock::time_point::min()) {
+      params.integer(wallMilliseconds(message.visibleFrom));
+    } else {
+      params.null();
+    }
+    params.bytes(&md, sizeof md).bytes(message.data.data(), message.data.size());
     return params;
   }
 

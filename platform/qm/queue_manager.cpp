@@ -587,8 +587,6 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
   if (queue.inhibitPut == INHIBIT_INHIBITED) fail(RC_PUT_INHIBITED);
   if (length > queue.maxMsgLength) fail(RC_MSG_TOO_BIG_FOR_Q);
   const Clock::time_point now = Clock::now();
-  store_->discardExpired(h.queueName, now);
-  if (store_->depth(h.queueName) >= queue.maxDepth) fail(RC_Q_FULL);
 
   Message message;
   message.data.assign(data, data + length);
@@ -629,8 +627,13 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
                                         queue.definitionType != DEFTYPE_TEMPORARY_DYNAMIC
                                     ? Durability::kDurable
                                     : Durability::kVolatile;
-  std::memcpy(md.msgId, message.descriptor.msgId, MSG_ID_LENGTH);
-  store_->addMessage(h.queueName, std::move(message), durability, messageState, unit);
+  char msgId[MSG_ID_LENGTH];
+  std::memcpy(msgId, message.descriptor.msgId, MSG_ID_LENGTH);
+  if (!store_->addMessageWithin(h.queueName, std::move(message), durability, messageState, unit,
+                                queue.maxDepth, now)) {
+    fail(RC_Q_FULL);
+  }
+  std::memcpy(md.msgId, msgId, MSG_ID_LENGTH);
   step.keep();
 
   writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
@@ -676,13 +679,14 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const QueueDefinition definitionNow = handleDefinition(h);
     if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
     const Clock::time_point now = Clock::now();
-    store_->discardExpired(h.queueName, now);
     selection.after.reset();
     if ((options & GET_BROWSE_NEXT) != 0) selection.after = h.browseCursor;
-    // A get that converts nothing takes its message in the same call of the
-    // store as it finds it (one round trip to a server); one that may
-    // convert learns the length only after the conversion.
+    // A get that converts nothing discards the expired messages and takes
+    // its message in the same call of the store as it finds it (one round
+    // trip to a server); one that may convert learns the length only after
+    // the conversion.
     const bool takeNow = !browse && (options & GET_CONVERT) == 0;
+    if (!takeNow) store_->discardExpired(h.queueName, now);
     const bool syncpoint = (options & GET_SYNCPOINT) != 0;
     const bool newUnit = takeNow && syncpoint && c.unit == 0;
     const uint64_t unit = takeNow && syncpoint ? unitOf(c) : 0;

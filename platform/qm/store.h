@@ -149,14 +149,29 @@ class Store {
   virtual bool removeMessage(const std::string &queue, const MessageKey &key) = 0;
   // An available message got under syncpoint: invisible until its unit ends.
   virtual bool takeInUnit(const std::string &queue, const MessageKey &key, uint64_t unit) = 0;
-  // A get's search and take in one call: the message that findMessage would
-  // find is taken (removed with unit 0, else got in the unit as takeInUnit
+  // A put's add with its depth check in one call: removes the messages
+  // expired at `now` (as discardExpired), then adds the message (as
+  // addMessage) unless the queue holds `maxDepth` messages or more; nullopt
+  // then.  A store shared by processes that can does it in one statement;
+  // this one calls the three.
+  virtual std::optional<MessageKey> addMessageWithin(const std::string &queue, Message message,
+                                                     Durability durability, MessageState state,
+                                                     uint64_t unit, int32_t maxDepth,
+                                                     Clock::time_point now) {
+    discardExpired(queue, now);
+    if (depth(queue) >= maxDepth) return std::nullopt;
+    return addMessage(queue, std::move(message), durability, state, unit);
+  }
+  // A get's discard, search and take in one call: the messages expired at
+  // `now` are removed (as discardExpired), and the message that findMessage
+  // would find is taken (removed with unit 0, else got in the unit as takeInUnit
   // does) when its data is at most `longest` bytes, and Found::taken says
-  // so; a longer one stays in its place.  A store that can take in one
-  // statement does; this one finds, takes, and looks again when another
-  // owner took the message first.
+  // so; a longer one stays in its place.  A store that can do it in one
+  // statement does; this one discards, finds, takes, and looks again when
+  // another owner took the message first.
   virtual Found takeMessage(const std::string &queue, const Selection &selection,
                             Clock::time_point now, uint64_t unit, size_t longest) {
+    discardExpired(queue, now);
     for (;;) {
       Found found = findMessage(queue, selection, now);
       if (found.message == nullptr || found.message->data.size() > longest) return found;

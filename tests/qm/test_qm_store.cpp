@@ -473,12 +473,40 @@ TYPED_TEST(StoreContract, ATakeTakesWhatFitsAndLeavesALongerMessageInItsPlace) {
   Message delayed = message(0, "delayed");
   delayed.visibleFrom = this->now + seconds(30);
   store.addMessage("Q", std::move(delayed), kVolatile, kAvailable, 0);
-  EXPECT_TRUE(store.takeMessage("Q", {}, this->now, 0, 100).taken);
+  Message expired = message(9, "expired");
+  expired.expiresAt = this->now - seconds(1);
+  store.addMessage("Q", std::move(expired), kDurable, kAvailable, 0);
+  EXPECT_EQ(store.depth("Q"), 3);
+  EXPECT_EQ(dataOf(store.takeMessage("Q", {}, this->now, 0, 100)), "one");
+  EXPECT_EQ(store.depth("Q"), 1) << "the expired message was not discarded";
   found = store.takeMessage("Q", {}, this->now, 0, 100);
   EXPECT_EQ(found.message, nullptr);
   EXPECT_FALSE(found.taken);
   EXPECT_LT(std::chrono::abs(found.nextVisible - (this->now + seconds(30))), milliseconds(5));
   EXPECT_EQ(store.depth("Q"), 1);
+}
+
+TYPED_TEST(StoreContract, AnAddWithinTheMaximumDepthCountsWhatIsNotExpired) {
+  Store &store = *this->store;
+  Message expiring = message(0, "expiring");
+  expiring.expiresAt = this->now + seconds(1);
+  store.addMessage("Q", std::move(expiring), kDurable, kAvailable, 0);
+  store.addMessage("Q", message(0, "held"), kVolatile, MessageState::kPutInUnit, 1);
+  EXPECT_FALSE(
+      store.addMessageWithin("Q", message(0, "full"), kDurable, kAvailable, 0, 2, this->now));
+  EXPECT_EQ(store.depth("Q"), 2);
+  const std::optional<MessageKey> added = store.addMessageWithin(
+      "Q", message(4, "room"), kVolatile, kAvailable, 0, 2, this->now + seconds(2));
+  ASSERT_TRUE(added);
+  EXPECT_EQ(added->priority, 4);
+  EXPECT_EQ(store.depth("Q"), 2) << "the expired message was not discarded";
+  EXPECT_EQ(browse(store, "Q", this->now + seconds(2)), "room");
+  const Found found = store.findMessage("Q", {}, this->now + seconds(2));
+  EXPECT_EQ(found.key, *added);
+  EXPECT_TRUE(store.addMessageWithin("Q", message(0, "durable"), kDurable, MessageState::kPutInUnit,
+                                     1, 3, this->now));
+  EXPECT_EQ(store.commit(1), (Names{"Q"}));
+  EXPECT_EQ(browse(store, "Q", this->now + seconds(2)), "room held durable");
 }
 
 TYPED_TEST(StoreContract, UnitsOfWorkCommitAndBackOut) {
