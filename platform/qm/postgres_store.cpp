@@ -63,9 +63,9 @@ enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2 };
 // The tables of a queue manager, made in its schema (the search path).  The
 // depth of each queue and durability is kept by triggers in the same
 // transaction as the change; its rows are locked by a put's depth check
-// (see depth()), so that the maximum depth holds across hosts.  A message's
-// sequence comes from one logged sequence, never given again, even after a
-// crash of the server.
+// (kAddMessageWithin, and depth() within a step), so that the maximum depth
+// holds across hosts.  A message's sequence comes from one logged sequence,
+// never given again, even after a crash of the server.
 constexpr const char *kSchema = R"sql(
 CREATE TABLE schema_version (version integer NOT NULL);
 CREATE TABLE queues (
