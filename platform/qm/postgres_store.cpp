@@ -211,15 +211,16 @@ const Statement kTakeInUnit{
 const Statement kDiscardExpired{
     "discard_expired", "DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2"};
 const Statement kClearQueue{"clear_queue", "DELETE FROM messages WHERE queue = $1"};
-// A unit's end: the queues on which messages become available, the
-// messages that leave (state $3), those that stay and become available
-// (state $4, backout count raised by $5).
+// A unit's end, one statement: the messages that leave (state $3) go, those
+// that stay (state $4) become available with their backout count raised by
+// $5, and the queues on which they did are notified (channel $6) and named.
 const Statement kEndUnit{
     "end_unit",
     "WITH gone AS (DELETE FROM messages WHERE owner = $1 AND unit = $2 AND state = $3),"
     " kept AS (UPDATE messages SET state = 0, owner = NULL, unit = 0, backout = backout + $5"
     " WHERE owner = $1 AND unit = $2 AND state = $4 RETURNING queue)"
-    " SELECT DISTINCT queue FROM kept"};
+    " SELECT q.queue FROM (SELECT DISTINCT queue FROM kept) q,"
+    " LATERAL (SELECT pg_notify($6, q.queue)) n"};
 const Statement kOwners{
     "owners",
     "SELECT token, host, pid, start_time, " VX_LOCK_HELD("token") " FROM owners WHERE token <> $2"
@@ -741,16 +742,16 @@ class PostgresStore final : public Store {
     std::vector<std::string> available;
     const int leaving = commit ? kGotInUnit : kPutInUnit;
     const int becoming = commit ? kPutInUnit : kGotInUnit;
-    transaction([&] {
+    retrying([&] {
       available.clear();
       const pg::Result r = query(kEndUnit, pg::Params()
                                                .text(owner_)
                                                .integer(static_cast<int64_t>(unit))
                                                .integer(leaving)
                                                .integer(becoming)
-                                               .integer(commit ? 0 : 1));
+                                               .integer(commit ? 0 : 1)
+                                               .text(channel_));
       for (int i = 0; i < r.rows(); ++i) available.push_back(r.text(i, 0));
-      for (const std::string &queue : available) notify(queue);
     });
     return available;
   }
@@ -788,6 +789,31 @@ class PostgresStore final : public Store {
       } catch (...) {
         rollback();
         inTransaction_ = false;
+        throw;
+      }
+    }
+  }
+
+  // Runs `body`, one statement that is its own transaction, again when it
+  // lost a deadlock; within a step or a transaction it is part of it.
+  template <typename Body>
+  void retrying(Body body) {
+    if (stepDepth_ > 0 || inTransaction_) {
+      body();
+      return;
+    }
+    for (int tries = 1;; ++tries) {
+      retrying_ = true;
+      try {
+        body();
+        retrying_ = false;
+        return;
+      } catch (const Retry &) {
+        // The server undid the statement with its implicit transaction.
+        retrying_ = false;
+        if (tries == kTransactionTries) failed(retryFailure_);
+      } catch (...) {
+        retrying_ = false;
         throw;
       }
     }
@@ -867,7 +893,7 @@ class PostgresStore final : public Store {
     }
     StoreFailure failure{RC_STORE_ERROR, StoreProblem::kOther, location_, action, error.message};
     if (error.sqlState == "40P01" || error.sqlState == "40001") {
-      if (inTransaction_ && stepDepth_ == 0) {
+      if ((inTransaction_ || retrying_) && stepDepth_ == 0) {
         retryFailure_ = failure;
         throw Retry{};
       }
@@ -957,6 +983,7 @@ class PostgresStore final : public Store {
   int stepDepth_ = 0;                       // steps begun and not ended
   bool stepUndone_ = false;                 // a step of it was not kept
   bool inTransaction_ = false;              // within transaction()
+  bool retrying_ = false;                   // within retrying()
   mutable bool beginPending_ = false;       // the BEGIN goes with the next statement
   mutable std::set<std::string> notified_;  // queues notified in this transaction
   mutable std::set<std::string> alive_;     // owners whose lock owners() saw held

@@ -1492,6 +1492,38 @@ TEST_F(SharedPostgresStore, AnOwnerEndsWhenItsSessionEndsHoweverItEnds) {
   EXPECT_EQ(browse(*one, "Q", now), "got plain");
 }
 
+// The notifications that `listener` received within `within`, until `count`
+// came.
+Names notifications(pg::Connection &listener, size_t count, milliseconds within = seconds(5)) {
+  Names payloads;
+  for (auto rounds = within.count() / 20; rounds > 0 && payloads.size() < count; --rounds) {
+    PQconsumeInput(listener.raw());
+    while (PGnotify *notification = PQnotifies(listener.raw())) {
+      payloads.push_back(notification->extra);
+      PQfreemem(notification);
+    }
+    if (payloads.size() < count) usleep(20000);
+  }
+  return payloads;
+}
+
+TEST_F(SharedPostgresStore, MessagesThatBecomeAvailableAreNotifiedOncePerQueue) {
+  auto store = open();
+  store->createQueue(queue("R"), 0);
+  pg::Connection listener(stores.place.uri);
+  listener.execute("LISTEN " + listener.identifier(postgresChannel(stores.place.qmName)));
+  store->addMessage("Q", message(0, "q"), kDurable, MessageState::kPutInUnit, 1);
+  store->addMessage("Q", message(0, "q2"), kVolatile, MessageState::kPutInUnit, 1);
+  store->addMessage("R", message(0, "r"), kDurable, MessageState::kPutInUnit, 1);
+  EXPECT_EQ(sorted(store->commit(1)), (Names{"Q", "R"}));
+  EXPECT_EQ(sorted(notifications(listener, 2)), (Names{"Q", "R"}));
+  store->beginStep();
+  store->addMessage("R", message(0, "r2"), kDurable, kAvailable, 0);
+  store->addMessage("R", message(0, "r3"), kVolatile, kAvailable, 0);
+  store->endStep(true);
+  EXPECT_EQ(notifications(listener, 2, milliseconds(500)), (Names{"R"}));
+}
+
 TEST_F(SharedPostgresStore, TheSchemaKeepsItsVersionAndALaterOneIsRefused) {
   open().reset();
   pg::Connection connection(stores.place.uri);
