@@ -41,6 +41,9 @@ enum class Shown {
 
 // Which commands set an attribute.
 enum class Setting {
+  // The queue's name: given to create and copy, it names the queue in every
+  // command.
+  Key,
   ReadOnly,           // the queue manager keeps it
   OnCreate,           // given when the queue is made (create, copy), never changed
   OnCreateAndChange,  // create, copy and change
@@ -96,7 +99,7 @@ inline constexpr QueueAttribute kQueueAttributes[] = {
      .type = AttributeType::String,
      .length = Q_NAME_LENGTH,
      .shown = Shown::Always,
-     .setting = Setting::OnCreate,
+     .setting = Setting::Key,
      .description = "name of the queue"},
     {.selector = ATTR_Q_TYPE,
      .key = "q_type",
