@@ -99,10 +99,12 @@ for source in lib/vxai/*.cpp lib/vxi/*.cpp; do
   base="$base $(object_of "$source")"
 done
 # The command server and the names of vxadmin, under test as they are.
-for source in server/command_server.cpp tools/names/vxnames.cpp; do
+server=""
+for source in server/*.cpp; do
   compile "$source" -fsanitize=fuzzer-no-link
+  server="$server $(object_of "$source")"
 done
-server="$(object_of server/command_server.cpp)"
+compile tools/names/vxnames.cpp -fsanitize=fuzzer-no-link
 names="$(object_of tools/names/vxnames.cpp)"
 
 # A target's own source; vxadmin's is compiled into its target.
@@ -137,8 +139,8 @@ finish
 for target in $targets; do
   case $target in
     fuzz_pcf | fuzz_convert) link "$target" ;;
-    fuzz_command_server) link "$target" "$server" ;;
-    fuzz_vxadmin_shell) link "$target" "$server" "$names" ;;
+    fuzz_command_server) link "$target" $server ;;
+    fuzz_vxadmin_shell) link "$target" $server "$names" ;;
     *) echo "fuzz.sh: no target $target" >&2; exit 2 ;;
   esac
 done
