@@ -18,20 +18,14 @@
 namespace vxadmin {
 namespace {
 
-constexpr QueueOption kQueueOptions[] = {
-    {ATTR_Q_DESC, "--description", QueueOption::kString, 0, Q_DESC_LENGTH, "description"},
-    {ATTR_MAX_Q_DEPTH, "--max-depth", QueueOption::kInteger, 0, vxqm::kLargestMaxDepth,
-     "maximum number of messages"},
-    {ATTR_MAX_MSG_LENGTH, "--max-msg-length", QueueOption::kInteger, 0, vxqm::kLargestMaxMsgLength,
-     "maximum message length in bytes"},
-    {ATTR_DEF_PRIORITY, "--def-priority", QueueOption::kInteger, 0, vxqm::kLargestPriority,
-     "default priority"},
-    {ATTR_DEF_PERSISTENCE, "--def-persistence", QueueOption::kEnumerated, 0, 0,
-     "default persistence of its messages"},
-    {ATTR_INHIBIT_GET, "--get", QueueOption::kEnumerated, 0, 0, "whether gets are allowed"},
-    {ATTR_INHIBIT_PUT, "--put", QueueOption::kEnumerated, 0, 0, "whether puts are allowed"},
-};
-static_assert(std::size(kQueueOptions) <= QueueAttributes::kSlots);
+using vxqi::AttributeType;
+using vxqi::QueueAttribute;
+using vxqi::Setting;
+
+// The attribute's slot in QueueAttributes: its row in the table.
+size_t slotOf(const QueueAttribute &attribute) {
+  return static_cast<size_t>(&attribute - vxqi::queueAttributes().data());
+}
 
 std::string rangeText(int64_t min, int64_t max) {
   if (max == INT32_MAX) return "a number of " + std::to_string(min) + " or more";
@@ -54,14 +48,15 @@ CLI::Validator integerIn(int32_t min, int32_t max) {
 }
 
 // The name of an enumerated attribute's value, made its number.
-CLI::Validator valueOf(int32_t selector) {
+CLI::Validator valueOf(const QueueAttribute &attribute) {
   return CLI::Validator(
-      [selector](std::string &text) -> std::string {
-        int32_t value = 0;
-        if (!vxnames::valueOf(selector, text, &value))
-          return "'" + text + "' is not one of " + valueNames(selector, ", ");
-        text = std::to_string(value);
-        return "";
+      [&attribute](std::string &text) -> std::string {
+        for (const vxqi::ValueName &named : attribute.values)
+          if (text == named.name) {
+            text = std::to_string(named.value);
+            return "";
+          }
+        return "'" + text + "' is not one of " + valueNames(attribute, ", ");
       },
       "");
 }
@@ -76,91 +71,134 @@ CLI::Validator longest(size_t length) {
       "");
 }
 
-void addQueueOptions(CLI::App *command, Arguments &args) {
-  for (size_t i = 0; i < std::size(kQueueOptions); ++i) {
-    const QueueOption &row = kQueueOptions[i];
-    const std::string option = row.option;
-    std::string what = row.description;
-    switch (row.kind) {
-      case QueueOption::kInteger:
+// The options of the attributes that `setting` allows, from the table of
+// queue attributes.
+void addQueueOptions(CLI::App *command, Arguments &args, Setting setting) {
+  for (const QueueAttribute &attribute : vxqi::queueAttributes()) {
+    if (!attribute.option || attribute.setting != setting) continue;
+    const size_t slot = slotOf(attribute);
+    const std::string option = attribute.option;
+    const std::string what = attribute.description;
+    switch (attribute.type) {
+      case AttributeType::Integer:
         command
-            ->add_option(
-                option, args.attributes.numbers[i],
-                what + " (" + std::to_string(row.min) + " to " + std::to_string(row.max) + ")")
+            ->add_option(option, args.attributes.numbers[slot],
+                         what + " (" + std::to_string(attribute.minimum) + " to " +
+                             std::to_string(attribute.maximum) + ")")
             ->type_name("N")
-            ->check(integerIn(row.min, row.max));
+            ->check(integerIn(attribute.minimum, attribute.maximum));
         break;
-      case QueueOption::kEnumerated:
+      case AttributeType::Enumerated:
         command
-            ->add_option(option, args.attributes.numbers[i],
-                         what + ": " + valueNames(row.selector, " or "))
+            ->add_option(option, args.attributes.numbers[slot],
+                         what + " (" + valueNames(attribute, " or ") + ")")
             ->type_name("WORD")
-            ->transform(valueOf(row.selector));
+            ->transform(valueOf(attribute));
         break;
-      case QueueOption::kString:
+      case AttributeType::String:
         command
-            ->add_option(option, args.attributes.texts[i],
-                         what + " (at most " + std::to_string(row.max) + " characters)")
+            ->add_option(option, args.attributes.texts[slot],
+                         what + " (at most " + std::to_string(attribute.length) + " characters)")
             ->type_name("TEXT")
-            ->check(longest(static_cast<size_t>(row.max)));
+            ->check(longest(static_cast<size_t>(attribute.length)));
         break;
     }
   }
 }
 
+// The attributes given as options that create, change and copy all take.
 void addQueueAttributes(const Invocation &invocation, Bag &request) {
   const QueueAttributes &values = invocation.args.attributes;
-  for (size_t i = 0; i < std::size(kQueueOptions); ++i) {
-    const QueueOption &row = kQueueOptions[i];
-    if (!invocation.given(row.option)) continue;
-    if (row.kind == QueueOption::kString)
-      request.add(row.selector, values.texts[i]);
+  for (const QueueAttribute &attribute : vxqi::queueAttributes()) {
+    if (attribute.setting != Setting::OnCreateAndChange || !invocation.given(attribute.option))
+      continue;
+    if (attribute.type == AttributeType::String)
+      request.add(attribute.selector, values.texts[slotOf(attribute)]);
     else
-      request.add(row.selector, values.numbers[i]);
+      request.add(attribute.selector, values.numbers[slotOf(attribute)]);
   }
 }
 
-// The same attributes as the administration interface takes them.
+// Where the administration interface (--direct) takes each attribute that
+// commands set.
+struct ChangeField {
+  int32_t selector;
+  std::optional<int32_t> vxqm::QueueChanges::*integer = nullptr;
+  std::optional<std::string> vxqm::QueueChanges::*text = nullptr;
+};
+
+constexpr ChangeField kChangeFields[] = {
+    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueChanges::queueType},
+    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueChanges::description},
+    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueChanges::defaultPersistence},
+    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueChanges::defaultPriority},
+    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueChanges::inhibitGet},
+    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueChanges::inhibitPut},
+    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueChanges::maxMsgLength},
+    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueChanges::maxDepth},
+};
+
+// The attributes given as options, as the administration interface takes
+// them.
 vxqm::QueueChanges queueChanges(const Invocation &invocation) {
   const QueueAttributes &values = invocation.args.attributes;
   vxqm::QueueChanges changes;
-  for (size_t i = 0; i < std::size(kQueueOptions); ++i) {
-    const QueueOption &row = kQueueOptions[i];
-    if (!invocation.given(row.option)) continue;
-    const int32_t number = values.numbers[i];
-    switch (row.selector) {
-      case ATTR_Q_DESC:
-        changes.description = values.texts[i];
-        break;
-      case ATTR_MAX_Q_DEPTH:
-        changes.maxDepth = number;
-        break;
-      case ATTR_MAX_MSG_LENGTH:
-        changes.maxMsgLength = number;
-        break;
-      case ATTR_DEF_PRIORITY:
-        changes.defaultPriority = number;
-        break;
-      case ATTR_DEF_PERSISTENCE:
-        changes.defaultPersistence = number;
-        break;
-      case ATTR_INHIBIT_GET:
-        changes.inhibitGet = number;
-        break;
-      case ATTR_INHIBIT_PUT:
-        changes.inhibitPut = number;
-        break;
-    }
+  for (const ChangeField &field : kChangeFields) {
+    const QueueAttribute &attribute = *vxqi::findQueueAttribute(field.selector);
+    if (!invocation.given(attribute.option)) continue;
+    if (field.text)
+      changes.*field.text = values.texts[slotOf(attribute)];
+    else
+      changes.*field.integer = values.numbers[slotOf(attribute)];
   }
   return changes;
 }
 
 // An attribute's value as the command server's replies show it: the name
 // of an enumeration's value, else the number.
-Json attributeValue(int32_t selector, int32_t value) {
-  const char *name = vxnames::valueName(selector, value);
-  return name ? Json(name) : Json(value);
+Json attributeValue(const QueueAttribute &attribute, int32_t value) {
+  for (const vxqi::ValueName &named : attribute.values)
+    if (named.value == value) return named.name;
+  return value;
 }
+
+// Where the administration interface (--direct) keeps each attribute that
+// the inquiries report: the definition, or the status.
+struct ShownField {
+  int32_t selector;
+  int32_t vxqm::QueueDefinition::*integer = nullptr;
+  std::string vxqm::QueueDefinition::*text = nullptr;
+  int32_t vxqm::QueueStatus::*state = nullptr;
+};
+
+constexpr ShownField kShownFields[] = {
+    {.selector = ATTR_Q_NAME, .text = &vxqm::QueueDefinition::name},
+    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueDefinition::queueType},
+    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueDefinition::description},
+    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueDefinition::defaultPersistence},
+    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueDefinition::defaultPriority},
+    {.selector = ATTR_DEFINITION_TYPE, .integer = &vxqm::QueueDefinition::definitionType},
+    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueDefinition::inhibitGet},
+    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueDefinition::inhibitPut},
+    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueDefinition::maxMsgLength},
+    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueDefinition::maxDepth},
+    {.selector = ATTR_CURRENT_DEPTH, .state = &vxqm::QueueStatus::depth},
+    {.selector = ATTR_OPEN_INPUT_COUNT, .state = &vxqm::QueueStatus::openInputCount},
+    {.selector = ATTR_OPEN_OUTPUT_COUNT, .state = &vxqm::QueueStatus::openOutputCount},
+};
+
+constexpr const ShownField *shownField(int32_t selector) {
+  for (const ShownField &field : kShownFields)
+    if (field.selector == selector) return &field;
+  return nullptr;
+}
+
+constexpr bool everyAttributeHasItsField() {
+  for (const QueueAttribute &attribute : vxqi::queueAttributes())
+    if (!shownField(attribute.selector)) return false;
+  return true;
+}
+static_assert(everyAttributeHasItsField(), "--direct shows every attribute of the table");
 
 // Fails with the reason of an administration call (--direct).
 void checkDirect(const Session &session, const std::string &what, int32_t reason) {
@@ -289,30 +327,22 @@ Json directQueue(Session &session, const std::string &what, const std::string &n
   const std::string &qm = session.qmgr();
   vxqm::QueueDefinition definition;
   vxqm::QueueStatus status;
-  int32_t reason = show ? vxqm::admin::queueAttributes(qm, name, &definition) : RC_NONE;
+  int32_t reason = vxqm::admin::queueAttributes(qm, name, &definition);
   if (reason == RC_NONE) reason = vxqm::admin::queueStatus(qm, name, &status);
   if (reason == RC_UNKNOWN_OBJECT_NAME) return Json();  // deleted meanwhile
   checkDirect(session, what, reason);
+  // The keys and their order are those of the command server's replies.
   Json object;
-  object[vxnames::selectorKey(ATTR_Q_NAME)] = name;
-  if (show) {
-    object[vxnames::selectorKey(ATTR_Q_TYPE)] = attributeValue(ATTR_Q_TYPE, definition.queueType);
-    object[vxnames::selectorKey(ATTR_Q_DESC)] = definition.description;
-    object[vxnames::selectorKey(ATTR_DEF_PERSISTENCE)] =
-        attributeValue(ATTR_DEF_PERSISTENCE, definition.defaultPersistence);
-    object[vxnames::selectorKey(ATTR_DEF_PRIORITY)] = definition.defaultPriority;
-    object[vxnames::selectorKey(ATTR_DEFINITION_TYPE)] =
-        attributeValue(ATTR_DEFINITION_TYPE, definition.definitionType);
-    object[vxnames::selectorKey(ATTR_INHIBIT_GET)] =
-        attributeValue(ATTR_INHIBIT_GET, definition.inhibitGet);
-    object[vxnames::selectorKey(ATTR_INHIBIT_PUT)] =
-        attributeValue(ATTR_INHIBIT_PUT, definition.inhibitPut);
-    object[vxnames::selectorKey(ATTR_MAX_MSG_LENGTH)] = definition.maxMsgLength;
-    object[vxnames::selectorKey(ATTR_MAX_Q_DEPTH)] = definition.maxDepth;
+  for (const QueueAttribute &attribute : vxqi::queueAttributes()) {
+    if (!show && attribute.shown == vxqi::Shown::InShow) continue;
+    const ShownField &field = *shownField(attribute.selector);
+    if (field.text)
+      object[attribute.key] = definition.*field.text;
+    else if (field.integer)
+      object[attribute.key] = attributeValue(attribute, definition.*field.integer);
+    else
+      object[attribute.key] = status.*field.state;
   }
-  object[vxnames::selectorKey(ATTR_CURRENT_DEPTH)] = status.depth;
-  object[vxnames::selectorKey(ATTR_OPEN_INPUT_COUNT)] = status.openInputCount;
-  object[vxnames::selectorKey(ATTR_OPEN_OUTPUT_COUNT)] = status.openOutputCount;
   return object;
 }
 
@@ -338,23 +368,21 @@ Outcome runShowQueue(Invocation &invocation) {
 
 void defineCreateQueue(CLI::App *command, Arguments &args) {
   defineName(command, args);
-  command
-      ->add_option("--type", args.type,
-                   "queue type: " + valueNames(ATTR_Q_TYPE, " or ") + " (default local)")
-      ->type_name("WORD")
-      ->transform(valueOf(ATTR_Q_TYPE));
-  addQueueOptions(command, args);
+  // A queue's type is given once, when it is made: copy makes one of the
+  // type of the queue it copies.
+  addQueueOptions(command, args, Setting::OnCreate);
+  addQueueOptions(command, args, Setting::OnCreateAndChange);
 }
 
 void defineChangeQueue(CLI::App *command, Arguments &args) {
   defineName(command, args);
-  addQueueOptions(command, args);
+  addQueueOptions(command, args, Setting::OnCreateAndChange);
 }
 
 void defineCopyQueue(CLI::App *command, Arguments &args) {
   command->add_option("FROM", args.name, "queue copied")->required();
   command->add_option("TO", args.toName, "queue made")->required();
-  addQueueOptions(command, args);
+  addQueueOptions(command, args, Setting::OnCreateAndChange);
 }
 
 // The type of an existing queue, which change and copy must name.
@@ -373,15 +401,18 @@ Outcome runCreateQueue(Invocation &invocation) {
   const Arguments &args = invocation.args;
   Session &session = invocation.session;
   const std::string what = "create queue " + args.name;
+  const QueueAttribute &typeRow = *vxqi::findQueueAttribute(ATTR_Q_TYPE);
+  const int32_t type =
+      invocation.given(typeRow.option) ? args.attributes.numbers[slotOf(typeRow)] : QTYPE_LOCAL;
   if (session.direct()) {
     session.openDirect();
     vxqm::QueueChanges changes = queueChanges(invocation);
-    changes.queueType = args.type;
+    changes.queueType = type;
     checkDirect(session, what, vxqm::admin::createQueue(session.qmgr(), args.name, changes));
   } else {
     Bag request;
     request.add(ATTR_Q_NAME, args.name);
-    request.add(ATTR_Q_TYPE, args.type);
+    request.add(ATTR_Q_TYPE, type);
     addQueueAttributes(invocation, request);
     execute(session, what, CMD_CREATE_Q, request);
   }
@@ -546,7 +577,7 @@ void definePut(CLI::App *command, Arguments &args) {
                     "put a non-persistent message (default: the queue's default persistence)");
   command->add_option("--priority", args.priority, "priority (0 to 9; default: the queue's)")
       ->type_name("N")
-      ->check(integerIn(0, vxqm::kLargestPriority));
+      ->check(integerIn(0, vxqi::kLargestPriority));
 }
 
 // The whole of a file, or why it cannot be read.
@@ -704,7 +735,8 @@ Outcome runGet(Invocation &invocation) {
     Json message;
     message["msg_id"] = hex(md.msgId, MSG_ID_LENGTH);
     message["length"] = length;
-    message["persistence"] = attributeValue(ATTR_DEF_PERSISTENCE, md.persistence);
+    message["persistence"] =
+        attributeValue(*vxqi::findQueueAttribute(ATTR_DEF_PERSISTENCE), md.persistence);
     message["priority"] = md.priority;
     // JSON holds text: bytes that are not UTF-8 go as base64.
     if (isUtf8(data)) {
@@ -846,12 +878,10 @@ constexpr Group kGroups[] = {
 
 }  // namespace
 
-std::span<const QueueOption> queueOptions() { return kQueueOptions; }
-
-std::string valueNames(int32_t selector, const std::string &separator) {
+std::string valueNames(const QueueAttribute &attribute, const std::string &separator) {
   std::string names;
-  for (const vxnames::Value &entry : vxnames::values())
-    if (entry.selector == selector) names += (names.empty() ? "" : separator) + entry.name;
+  for (const vxqi::ValueName &named : attribute.values)
+    names += (names.empty() ? "" : separator) + named.name;
   return names;
 }
 

@@ -13,26 +13,18 @@
 #include <vector>
 
 #include "common.h"
+#include "queue_attributes.h"
 #include "session.h"
 
 namespace vxadmin {
 
-// A queue attribute that create, change and copy set through an option.
-struct QueueOption {
-  int32_t selector;
-  const char *option;  // "--max-depth"
-  enum Kind { kInteger, kEnumerated, kString } kind;
-  int32_t min, max;  // of an integer; a string's max is its longest length
-  const char *description;
-};
-std::span<const QueueOption> queueOptions();
 // The names of an enumerated attribute's values, separated by `separator`.
-std::string valueNames(int32_t selector, const std::string &separator);
+std::string valueNames(const vxqi::QueueAttribute &attribute, const std::string &separator);
 
-// The values of the queue options given on one command line: one slot per
-// row of queueOptions().
+// The values of the queue attributes' options given on one command line:
+// one slot per row of the table of queue attributes.
 struct QueueAttributes {
-  static constexpr size_t kSlots = 8;
+  static constexpr size_t kSlots = std::size(vxqi::kQueueAttributes);
   std::array<int32_t, kSlots> numbers{};
   std::array<std::string, kSlots> texts;
 };
@@ -41,7 +33,7 @@ struct QueueAttributes {
 struct Arguments {
   GlobalOptions global;
   std::string name, toName, pattern, text, file, shellFile, shellName;
-  int32_t type = QTYPE_LOCAL, priority = 0, count = 1;
+  int32_t priority = 0, count = 1;
   bool purge = false, browse = false, persistent = false, nonPersistent = false;
   bool keepGoing = false, echo = false, all = false, raw = false, base64 = false, man = false;
   bool version = false;

@@ -62,11 +62,36 @@ void manualOption(std::string &page, const CLI::Option *option) {
 // The values a completion offers after an option: the names of an
 // enumerated attribute's values.
 std::string optionValues(const std::string &option) {
-  if (option == "--type") return valueNames(ATTR_Q_TYPE, " ");
-  for (const QueueOption &row : queueOptions())
-    if (option == row.option && row.kind == QueueOption::kEnumerated)
-      return valueNames(row.selector, " ");
-  return "";
+  const vxqi::QueueAttribute *attribute = vxqi::findQueueAttributeByOption(option);
+  return attribute ? valueNames(*attribute, " ") : "";
+}
+
+// What values an attribute takes, and how it is set, for the manual page.
+std::string attributeText(const vxqi::QueueAttribute &attribute) {
+  std::string text;
+  switch (attribute.type) {
+    case vxqi::AttributeType::Integer:
+      text = "a number from " + std::to_string(attribute.minimum) + " to " +
+             std::to_string(attribute.maximum);
+      break;
+    case vxqi::AttributeType::Enumerated:
+      text = "one of " + valueNames(attribute, ", ");
+      break;
+    case vxqi::AttributeType::String:
+      text = "text of at most " + std::to_string(attribute.length) + " characters";
+      break;
+  }
+  switch (attribute.setting) {
+    case vxqi::Setting::Key:
+      return text + "; names the queue";
+    case vxqi::Setting::ReadOnly:
+      return text + "; kept by the queue manager";
+    case vxqi::Setting::OnCreate:
+      return text + "; " + attribute.option + " of create queue";
+    case vxqi::Setting::OnCreateAndChange:
+      return text + "; " + attribute.option + " of create, change and copy queue";
+  }
+  return text;
 }
 
 struct CompletionTable {
@@ -262,16 +287,12 @@ std::string manualPage(CLI::App &root) {
     if (option->get_group() == "Global options" || longName(option) == "--version")
       manualOption(page, option);
   page +=
-      ".SH QUEUE ATTRIBUTES\nThe options of create, change and copy queue, and the JSON keys "
-      "that show queue uses for them:\n";
-  for (const QueueOption &row : queueOptions()) {
-    std::string values = row.kind == QueueOption::kInteger
-                             ? std::to_string(row.min) + " to " + std::to_string(row.max)
-                         : row.kind == QueueOption::kEnumerated
-                             ? valueNames(row.selector, ", ")
-                             : "text of at most " + std::to_string(row.max) + " characters";
-    page += ".TP\n.B " + roff(row.option) + "\n" + roff(row.description) + " (JSON key " +
-            roff(vxnames::selectorKey(row.selector)) + "): " + roff(values) + ".\n";
+      ".SH QUEUE ATTRIBUTES\nThe attributes of a queue by their JSON keys, as status and show "
+      "queue report them, and the options that set them:\n";
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
+    const char *where = attribute.shown == vxqi::Shown::InShow ? " (show queue)" : "";
+    page += ".TP\n.B " + roff(attribute.key) + "\n" + roff(attribute.description) + where + ": " +
+            roff(attributeText(attribute)) + ".\n";
   }
   page += ".SH EXIT STATUS\n";
   for (const StatusRow &row : statuses())
