@@ -670,8 +670,12 @@ Outcome runPut(Invocation &invocation) {
   return Outcome(document);
 }
 
+std::string bytesText(const Json &length) {
+  return length.dump() + (length == 1 ? " byte" : " bytes");
+}
+
 std::string renderPut(const Json &document) {
-  return "put " + document["length"].dump() + " bytes on " + document["q_name"].get<std::string>() +
+  return "put " + bytesText(document["length"]) + " on " + document["q_name"].get<std::string>() +
          " (" + document["persistence"].get<std::string>() + "), message id " +
          document["msg_id"].get<std::string>() + "\n";
 }
@@ -768,10 +772,9 @@ std::string renderGet(const Json &document) {
   for (const Json &message : document["messages"]) {
     std::string data = message["data"].get<std::string>();
     if (message["encoding"] == "base64") base64Decode(message["data"].get<std::string>(), &data);
-    text += "--- message " + std::to_string(++number) + ": " + message["length"].dump() +
-            " bytes, " + message["persistence"].get<std::string>() + ", priority " +
-            message["priority"].dump() + ", message id " + message["msg_id"].get<std::string>() +
-            "\n" + data;
+    text += "--- message " + std::to_string(++number) + ": " + bytesText(message["length"]) + ", " +
+            message["persistence"].get<std::string>() + ", priority " + message["priority"].dump() +
+            ", message id " + message["msg_id"].get<std::string>() + "\n" + data;
     if (!data.empty() && data.back() != '\n') text += "\n";
   }
   return text;

@@ -1,6 +1,8 @@
 // How vxadmin writes what a command did.
 #include "render.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <iostream>
@@ -180,7 +182,9 @@ void render(const Outcome &outcome, const GlobalOptions &options, const Origin &
   } else if (options.json && outcome.document) {
     std::cout << outcome.document->dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
   } else if (!(options.quiet && outcome.confirmation)) {
-    std::cout << outcome.text;
+    // A terminal would obey the control bytes of a message or a
+    // description: it shows them escaped.
+    std::cout << (isatty(STDOUT_FILENO) ? escaped(outcome.text) : outcome.text);
   }
   // What a command wrote leaves as the command ends: whoever reads it (a
   // person at a terminal, a script at the other end of a pipe) sees what is
