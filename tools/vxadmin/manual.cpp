@@ -54,8 +54,8 @@ void manualOption(std::string &page, const CLI::Option *option) {
   std::string names;
   for (const std::string &name : option->get_snames()) names += "-" + name + ", ";
   for (const std::string &name : option->get_lnames()) names += "--" + name;
-  page += ".TP\n.B " + roff(names);
-  if (takesValue(option)) page += " \" \" \\fI" + roff(option->get_type_name()) + "\\fR";
+  page += ".TP\n\\fB" + roff(names) + "\\fR";
+  if (takesValue(option)) page += " \\fI" + roff(option->get_type_name()) + "\\fR";
   page += "\n" + roff(option->get_description()) + "\n";
 }
 
