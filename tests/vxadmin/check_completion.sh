@@ -38,6 +38,8 @@ expect vxadmin change queue A --def-persistence '' -- not_persistent persistent
 expect vxadmin --qmgr QM2 list q -- queues
 expect vxadmin create queue A --type m -- model
 expect vxadmin completion '' -- --help --qmgr --data --direct --json --quiet --wait
+# A flag takes no value: the word after it is a command.
+expect vxadmin --json list q -- queues
 # The value of an option is not a command.
 expect vxadmin --data show '' -- ping show create change copy delete clear list status put get \
   shell serve start stop help completion --help --qmgr --data --direct --json --quiet --wait \

@@ -188,7 +188,7 @@ std::vector<std::string> takeTopic(const CLI::App &app, std::vector<std::string>
     const std::string &word = (*words)[i];
     if (word.size() > 1 && word[0] == '-') {
       const CLI::Option *option = app.get_option_no_throw(word);
-      if (option && option->get_type_size() != 0) ++i;  // the option's value
+      if (option && option->get_expected_min() > 0) ++i;  // the option's value
       continue;
     }
     if (word != "help") break;

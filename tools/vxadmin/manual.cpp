@@ -28,7 +28,7 @@ void eachNode(CLI::App &node, const std::string &path,
     eachNode(*sub, path.empty() ? sub->get_name() : path + " " + sub->get_name(), visit);
 }
 
-bool takesValue(const CLI::Option *option) { return option->get_type_size() != 0; }
+bool takesValue(const CLI::Option *option) { return option->get_expected_min() > 0; }
 
 std::string longName(const CLI::Option *option) {
   return option->get_lnames().empty() ? "" : "--" + option->get_lnames()[0];
