@@ -52,7 +52,6 @@ struct Invocation {
   CLI::App *leaf;
   Session &session;
   std::istream *commandInput;  // a shell's commands, which put must not read as its data
-  bool inShell;
   bool given(const std::string &option) const { return optionGiven(leaf, option); }
 };
 

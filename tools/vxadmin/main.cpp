@@ -255,7 +255,7 @@ Outcome runCommand(Parser &parser, std::vector<std::string> words, Session *sess
   // shell's.
   std::optional<Session> own;
   if (!session) session = &own.emplace(args.global);
-  Invocation invocation{args, parser.app, leaf, *session, commandInput, parser.inShell};
+  Invocation invocation{args, parser.app, leaf, *session, commandInput};
   Outcome outcome;
   try {
     if (session->direct() && (command.flags & kNeedsServer))

@@ -139,7 +139,7 @@ int32_t pingCommandServer(const std::string &qmgr) {
     options.add(PARM_WAIT_INTERVAL, 10000);
     vxExecute(hconn, CMD_PING, options.get(), request.get(), reply.get(), HOBJ_NONE, HOBJ_NONE,
               &compCode, &reason);
-  } catch (const UsageError &) {
+  } catch (const Outcome &) {  // a bag that cannot be made
     compCode = CC_FAILED;
     reason = RC_STORAGE_NOT_AVAILABLE;
   }
