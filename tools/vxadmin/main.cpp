@@ -165,19 +165,32 @@ struct Parser {
   }
 };
 
-// CLI11's words for a parse error, as vxadmin says it.
+// A parse error in vxadmin's words rather than the parser's.  The messages
+// of vxadmin's own checks (a range, a value name) pass as they are.
 std::string parseMessage(const CLI::ParseError &error) {
-  std::string message = error.what();
-  const std::string required = " is required";
-  if (message.size() > required.size() &&
-      message.compare(message.size() - required.size(), required.size(), required) == 0)
-    return "missing argument " + message.substr(0, message.size() - required.size());
-  const std::string valueMissing = " missing";
-  size_t colon = message.find(": 1 required ");
-  if (colon != std::string::npos && message.size() > valueMissing.size() &&
-      message.compare(message.size() - valueMissing.size(), valueMissing.size(), valueMissing) == 0)
-    return message.substr(0, colon) + ": missing value";
-  return message;
+  const std::string message = error.what();
+  const size_t colon = message.find(": ");
+  const std::string name = colon == std::string::npos ? "" : message.substr(0, colon);
+  auto endsWith = [&](const std::string &tail) {
+    return message.size() >= tail.size() &&
+           message.compare(message.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (dynamic_cast<const CLI::ValidationError *>(&error)) return message;
+  if (dynamic_cast<const CLI::RequiredError *>(&error) && endsWith(" is required"))
+    return "missing argument " + message.substr(0, message.size() - 12);
+  if (dynamic_cast<const CLI::ArgumentMismatch *>(&error)) {
+    if (message.find(": At Most ") != std::string::npos) return name + ": given more than once";
+    if (endsWith(" missing")) return name + ": missing value";
+  }
+  // "Could not convert: --purge = maybe", and the like of a flag.
+  const std::string convert = "Could not convert: ";
+  if (dynamic_cast<const CLI::ConversionError *>(&error) && message.rfind(convert, 0) == 0) {
+    const std::string rest = message.substr(convert.size());
+    const size_t equals = rest.find(" = ");
+    if (equals != std::string::npos)
+      return rest.substr(0, equals) + ": takes no value (not '" + rest.substr(equals + 3) + "')";
+  }
+  return "the words cannot be read as a command";
 }
 
 // The words after "help" that name a command: the parser would take them
