@@ -754,13 +754,13 @@ Outcome runGet(Invocation &invocation) {
     bytes = std::move(data);
   }
   VXCLOSE(hconn, &hobj, CLOSE_NONE, &compCode, &reason);
-  if (!messages.empty()) {
-    Json document;
-    document["q_name"] = args.name;
-    document["messages"] = messages;
-    outcome.document = document;
-    if (args.raw) outcome.bytes = bytes;
-  }
+  // An empty queue is a document too, with no messages: a script reads the
+  // same keys either way.
+  Json document;
+  document["q_name"] = args.name;
+  document["messages"] = messages;
+  outcome.document = document;
+  if (args.raw && !messages.empty()) outcome.bytes = bytes;
   return outcome;
 }
 
