@@ -15,8 +15,8 @@ fail() {
 "$vxadmin" completion bash > "$work/vxadmin.bash"
 "$vxadmin" completion zsh > "$work/_vxadmin"
 
-bash -c ". '$work/vxadmin.bash'; complete -p vxadmin" > "$work/spec"
-grep -qx 'complete -F _vxadmin vxadmin' "$work/spec" || fail "not registered: $(cat "$work/spec")"
+bash -c ". '$work/vxadmin.bash'; complete -p vxadmin" > "$work/registered"
+grep -qx 'complete -F _vxadmin vxadmin' "$work/registered" || fail "not registered: $(cat "$work/registered")"
 
 # The candidates for the words "$@", the last being the one completed.
 complete_words() {
