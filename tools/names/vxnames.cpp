@@ -128,6 +128,8 @@ constexpr Selector kOtherSelectors[] = {
     {PARM_Q_NAMES, "PARM_Q_NAMES", "q_names", ValueType::StringList},
 };
 
+// One array of every selector, made when compiling: selectors() hands it
+// out whole, and the entries found in it live as long as the program.
 constexpr auto kSelectors = [] {
   std::array<Selector, std::size(vxqi::kQueueAttributes) + std::size(kOtherSelectors)> all{};
   size_t next = 0;
@@ -140,6 +142,7 @@ constexpr auto kSelectors = [] {
   return all;
 }();
 
+// Every named value is one of a queue attribute's.
 constexpr size_t namedValueCount() {
   size_t count = 0;
   for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes())
