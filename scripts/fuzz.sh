@@ -106,10 +106,18 @@ for source in server/*.cpp; do
 done
 compile tools/names/vxnames.cpp -fsanitize=fuzzer-no-link
 names="$(object_of tools/names/vxnames.cpp)"
+# vxadmin's sources but its main, which the shell's target compiles in.
+tool=""
+for source in tools/vxadmin/*.cpp; do
+  [ "$source" = tools/vxadmin/main.cpp ] && continue
+  compile "$source" -fsanitize=fuzzer-no-link -DVX_VERSION='"fuzz"'
+  tool="$tool $(object_of "$source")"
+done
 
-# A target's own source; vxadmin's is compiled into its target.
+# A target's own source; vxadmin's main is compiled into its target.
 compile_target() {
-  clang++ $common -Itools/vxadmin -fsanitize=fuzzer-no-link -c "tests/fuzz/$1.cpp" \
+  clang++ $common -Itools/vxadmin -DVX_VERSION='"fuzz"' -fsanitize=fuzzer-no-link \
+    -c "tests/fuzz/$1.cpp" \
     -o "$build/obj/$1.o" &
   pids="$pids $!"
 }
@@ -140,7 +148,7 @@ for target in $targets; do
   case $target in
     fuzz_pcf | fuzz_convert) link "$target" ;;
     fuzz_command_server) link "$target" $server ;;
-    fuzz_vxadmin_shell) link "$target" $server "$names" ;;
+    fuzz_vxadmin_shell) link "$target" $server "$names" $tool ;;
     *) echo "fuzz.sh: no target $target" >&2; exit 2 ;;
   esac
 done
