@@ -1,7 +1,7 @@
 #!/bin/sh
 # The completion scripts: bash loads its script and completes commands,
 # options and values from it as vxadmin's own table has them; so does zsh's
-# script, when zsh is there to load it.
+# script (scripts/setup.sh installs zsh).
 #
 #   check_completion.sh VXADMIN
 set -eu
@@ -46,19 +46,18 @@ expect vxadmin --data show '' -- ping show create change copy delete clear list 
   --version
 expect vxadmin --data DIR show '' -- qmgr queue --help --qmgr --data --direct --json --quiet --wait
 
-if command -v zsh > /dev/null; then
-  zsh -c "autoload -U compinit && compinit -u; . '$work/_vxadmin'; print \${_comps[vxadmin]}" |
-    grep -qx _vxadmin || fail "zsh: _vxadmin does not complete vxadmin"
-  # The function called as zsh's completion calls it, compadd printing what
-  # it is offered (zsh itself keeps those that match the word).
-  zsh_offers() {
-    zsh -c 'compdef() { :; }; compadd() { shift; print -l -- "$@"; }; . "$1"; shift
-            words=("$@"); CURRENT=$#; _vxadmin' completion "$work/_vxadmin" "$@"
-  }
-  zsh_offers vxadmin cr | grep -qx create || fail "zsh: create not offered"
-  zsh_offers vxadmin --json list q | grep -qx queues || fail "zsh: queues not offered"
-  [ "$(zsh_offers vxadmin change queue A --def-persistence '' | tr '\n' ' ')" = \
-    "not_persistent persistent " ] || fail "zsh: values of --def-persistence"
-fi
+command -v zsh > /dev/null || fail "zsh is not installed (sh scripts/setup.sh)"
+zsh -c "autoload -U compinit && compinit -u; . '$work/_vxadmin'; print \${_comps[vxadmin]}" |
+  grep -qx _vxadmin || fail "zsh: _vxadmin does not complete vxadmin"
+# The function called as zsh's completion calls it, compadd printing what
+# it is offered (zsh itself keeps those that match the word).
+zsh_offers() {
+  zsh -c 'compdef() { :; }; compadd() { shift; print -l -- "$@"; }; . "$1"; shift
+          words=("$@"); CURRENT=$#; _vxadmin' completion "$work/_vxadmin" "$@"
+}
+zsh_offers vxadmin cr | grep -qx create || fail "zsh: create not offered"
+zsh_offers vxadmin --json list q | grep -qx queues || fail "zsh: queues not offered"
+[ "$(zsh_offers vxadmin change queue A --def-persistence '' | tr '\n' ' ')" = \
+  "not_persistent persistent " ] || fail "zsh: values of --def-persistence"
 head -n 1 "$work/_vxadmin" | grep -qx '#compdef vxadmin' || fail "zsh: no #compdef line"
-echo "bash completes vxadmin's commands, options and values"
+echo "bash and zsh complete vxadmin's commands, options and values"
