@@ -42,7 +42,9 @@ timed() {
 }
 rate() { awk "BEGIN { printf \"%.0f\", $count / $1 }"; }
 
-"$vxadmin" --data "$work/data" create queue BENCH --max-depth "$count" > /dev/null
+# Persistent unless a put says otherwise: puts follow the queue's default.
+"$vxadmin" --data "$work/data" create queue BENCH --max-depth "$count" \
+  --def-persistence persistent > /dev/null
 put=$(timed "$vxadmin" --data "$work/data" shell < "$work/puts")
 get=$(timed "$vxadmin" --data "$work/data" get BENCH --count "$count")
 memory_put=$(timed "$vxadmin" --data "$work/data" shell < "$work/puts.memory")

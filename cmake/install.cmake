@@ -20,6 +20,12 @@ file(RELATIVE_PATH VX_TOOL_TO_LIB ${CMAKE_INSTALL_PREFIX}/${VX_TOOL_DIR}
      ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vxadmin PROPERTIES INSTALL_RPATH "$ORIGIN/${VX_TOOL_TO_LIB}")
 install(TARGETS vxadmin RUNTIME DESTINATION ${VX_TOOL_DIR})
+# Its manual page and completion scripts are the same for both builds.
+install(FILES ${CMAKE_BINARY_DIR}/tools/vxadmin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${CMAKE_BINARY_DIR}/tools/vxadmin.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vxadmin)
+install(FILES ${CMAKE_BINARY_DIR}/tools/_vxadmin
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES lib/vxai/vxai.h lib/vxi/vxqi.h platform/qi/vxqi_records.h server/command_server.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vxai)
 

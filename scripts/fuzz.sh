@@ -99,15 +99,25 @@ for source in lib/vxai/*.cpp lib/vxi/*.cpp; do
   base="$base $(object_of "$source")"
 done
 # The command server and the names of vxadmin, under test as they are.
-for source in server/command_server.cpp tools/names/vxnames.cpp; do
+server=""
+for source in server/*.cpp; do
   compile "$source" -fsanitize=fuzzer-no-link
+  server="$server $(object_of "$source")"
 done
-server="$(object_of server/command_server.cpp)"
+compile tools/names/vxnames.cpp -fsanitize=fuzzer-no-link
 names="$(object_of tools/names/vxnames.cpp)"
+# vxadmin's sources but its main, which the shell's target compiles in.
+tool=""
+for source in tools/vxadmin/*.cpp; do
+  [ "$source" = tools/vxadmin/main.cpp ] && continue
+  compile "$source" -fsanitize=fuzzer-no-link -DVX_VERSION='"fuzz"'
+  tool="$tool $(object_of "$source")"
+done
 
-# A target's own source; vxadmin's is compiled into its target.
+# A target's own source; vxadmin's main is compiled into its target.
 compile_target() {
-  clang++ $common -Itools/vxadmin -fsanitize=fuzzer-no-link -c "tests/fuzz/$1.cpp" \
+  clang++ $common -Itools/vxadmin -DVX_VERSION='"fuzz"' -fsanitize=fuzzer-no-link \
+    -c "tests/fuzz/$1.cpp" \
     -o "$build/obj/$1.o" &
   pids="$pids $!"
 }
@@ -137,8 +147,8 @@ finish
 for target in $targets; do
   case $target in
     fuzz_pcf | fuzz_convert) link "$target" ;;
-    fuzz_command_server) link "$target" "$server" ;;
-    fuzz_vxadmin_shell) link "$target" "$server" "$names" ;;
+    fuzz_command_server) link "$target" $server ;;
+    fuzz_vxadmin_shell) link "$target" $server "$names" $tool ;;
     *) echo "fuzz.sh: no target $target" >&2; exit 2 ;;
   esac
 done

@@ -32,11 +32,12 @@ vxadmin() {
     esac
   done
   printf '\n'
-  ./build/tools/vxadmin --data "$data" "$@"
+  ./build/tools/vxadmin --data "$data" "$@" || printf '(exit status %s)\n' "$?"
 }
 
 vxadmin start
-vxadmin create queue PAYROLL.IN --max-depth 10000 --description "payroll requests"
+vxadmin create queue PAYROLL.IN --max-depth 10000 --description "payroll requests" \
+  --def-persistence persistent
 vxadmin create queue PAYROLL.OUT
 vxadmin put PAYROLL.IN hello
 vxadmin put PAYROLL.IN "second request"
@@ -49,6 +50,7 @@ vxadmin get PAYROLL.IN --wait 1000
 # An application in a process of its own holds PAYROLL.IN open for input:
 # it takes the request left there, then waits for the next.
 printf '\n$ ./build/samples/payroll_app 2 &\n'
+: > "$data/app.out"
 VXQM_DATA=$data ./build/samples/payroll_app 2 10000 > "$data/app.out" &
 app=$!
 until [ "$(wc -l < "$data/app.out")" -ge 2 ]; do sleep 0.05; done

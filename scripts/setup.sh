@@ -8,7 +8,8 @@
 # run-times), CMake, Ninja, the GoogleTest sources, the header-only CLI11 and
 # nlohmann/json that vxadmin uses, pkg-config, SQLite, valgrind with the C
 # library's debugging symbols (helgrind and memcheck need them), strace (a
-# test watches the syncs of a persistent put), PostgreSQL's client library
+# test watches the syncs of a persistent put), zsh (a test loads vxadmin's
+# completion script in it), PostgreSQL's client library
 # and its server (the tests start a server of their own), and any further
 # packages named as arguments.
 #
@@ -53,6 +54,7 @@ need valgrind
 need "libc6-dbg:$(dpkg --print-architecture)"
 need libsqlite3-dev
 need strace
+need zsh
 need libpq-dev
 need postgresql
 if [ "$i386" = yes ]; then

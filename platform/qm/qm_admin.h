@@ -37,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "queue_attributes.h"
 #include "vxqi_records.h"
 
 #define QM_ADMIN_EXPORT __attribute__((visibility("default")))
@@ -46,10 +47,11 @@ namespace vxqm {
 // Defaults of a new local queue.
 constexpr int32_t kDefaultMaxDepth = 5000;
 constexpr int32_t kDefaultMaxMsgLength = 4 * 1024 * 1024;
-// Upper limits of the attributes an administrator sets.
-constexpr int32_t kLargestMaxMsgLength = 100 * 1024 * 1024;
-constexpr int32_t kLargestMaxDepth = 999999999;
-constexpr int32_t kLargestPriority = 9;
+// Upper limits of the attributes an administrator sets: those of the table
+// of queue attributes.
+using vxqi::kLargestMaxDepth;
+using vxqi::kLargestMaxMsgLength;
+using vxqi::kLargestPriority;
 
 // A queue's definition: its name and the attributes that an administrator
 // sets.  The run-time state of a queue (open counts, messages) is not here.

@@ -11,6 +11,7 @@
 
 #include "convert.h"
 #include "processes.h"
+#include "queue_attributes.h"
 #include "svc.h"
 
 namespace vxqm {
@@ -18,7 +19,6 @@ namespace {
 
 constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
 constexpr size_t kSuffixLength = 16;  // hexadecimal digits that replace a dynamic name's '*'
-constexpr int32_t kLongestDescription = Q_DESC_LENGTH;
 
 [[noreturn]] void fail(int32_t reason) { throw Failure{reason}; }
 
@@ -136,9 +136,7 @@ bool inRange(int32_t value, int32_t low, int32_t high) { return value >= low && 
 void applyChanges(QueueDefinition &definition, const QueueChanges &changes, bool creating) {
   if (changes.queueType) {
     if (!creating && *changes.queueType != definition.queueType) fail(RC_OBJECT_TYPE_ERROR);
-    if (*changes.queueType != QTYPE_LOCAL && *changes.queueType != QTYPE_MODEL) {
-      fail(RC_SELECTOR_ERROR);
-    }
+    if (!vxqi::accepts(ATTR_Q_TYPE, *changes.queueType)) fail(RC_SELECTOR_ERROR);
     definition.queueType = *changes.queueType;
   }
   if (creating && definition.queueType == QTYPE_MODEL) {
@@ -155,23 +153,25 @@ void applyChanges(QueueDefinition &definition, const QueueChanges &changes, bool
   if (changes.description) {
     std::string description = *changes.description;
     description.erase(description.find_last_not_of(' ') + 1);
-    if (description.size() > kLongestDescription) fail(RC_SELECTOR_ERROR);
+    if (!vxqi::accepts(ATTR_Q_DESC, description)) fail(RC_SELECTOR_ERROR);
     definition.description = description;
   }
-  const std::pair<const std::optional<int32_t> &, int32_t QueueDefinition::*> integers[] = {
-      {changes.defaultPersistence, &QueueDefinition::defaultPersistence},
-      {changes.defaultPriority, &QueueDefinition::defaultPriority},
-      {changes.inhibitGet, &QueueDefinition::inhibitGet},
-      {changes.inhibitPut, &QueueDefinition::inhibitPut},
-      {changes.maxMsgLength, &QueueDefinition::maxMsgLength},
-      {changes.maxDepth, &QueueDefinition::maxDepth}};
-  const std::pair<int32_t, int32_t> limits[] = {{0, PERSISTENCE_PERSISTENT}, {0, kLargestPriority},
-                                                {0, INHIBIT_INHIBITED},      {0, INHIBIT_INHIBITED},
-                                                {0, kLargestMaxMsgLength},   {0, kLargestMaxDepth}};
-  for (size_t i = 0; i < std::size(integers); ++i) {
-    if (!integers[i].first) continue;
-    if (!inRange(*integers[i].first, limits[i].first, limits[i].second)) fail(RC_SELECTOR_ERROR);
-    definition.*integers[i].second = *integers[i].first;
+  // The ranges are those of the table of queue attributes.
+  const struct {
+    int32_t selector;
+    const std::optional<int32_t> &value;
+    int32_t QueueDefinition::*field;
+  } integers[] = {
+      {ATTR_DEF_PERSISTENCE, changes.defaultPersistence, &QueueDefinition::defaultPersistence},
+      {ATTR_DEF_PRIORITY, changes.defaultPriority, &QueueDefinition::defaultPriority},
+      {ATTR_INHIBIT_GET, changes.inhibitGet, &QueueDefinition::inhibitGet},
+      {ATTR_INHIBIT_PUT, changes.inhibitPut, &QueueDefinition::inhibitPut},
+      {ATTR_MAX_MSG_LENGTH, changes.maxMsgLength, &QueueDefinition::maxMsgLength},
+      {ATTR_MAX_Q_DEPTH, changes.maxDepth, &QueueDefinition::maxDepth}};
+  for (const auto &[selector, value, field] : integers) {
+    if (!value) continue;
+    if (!vxqi::accepts(selector, *value)) fail(RC_SELECTOR_ERROR);
+    definition.*field = *value;
   }
 }
 

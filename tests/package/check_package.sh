@@ -55,3 +55,9 @@ for arch in x86_64-linux-gnu i386-linux-gnu; do
   echo "== $arch: installed vxadmin"
   "$vxadmin" --data "$work/data_$arch" ping
 done
+
+# The manual page and the completion scripts are the installed vxadmin's own.
+echo "== vxadmin's manual page and completion scripts"
+"$vxadmin" help --man | cmp - "$prefix/share/man/man1/vxadmin.1"
+"$vxadmin" completion bash | cmp - "$prefix/share/bash-completion/completions/vxadmin"
+"$vxadmin" completion zsh | cmp - "$prefix/share/zsh/site-functions/_vxadmin"

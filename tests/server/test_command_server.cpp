@@ -19,6 +19,7 @@
 #include "command_server.h"
 #include "qm_admin.h"
 #include "qm_test.h"
+#include "queue_attributes.h"
 #include "svc.h"
 #include "vxai.h"
 #include "vxqi.h"
@@ -967,6 +968,70 @@ TEST_F(CommandServerTest, InquireQueueStatusGivesDepthAndOpenCounts) {
               CMD_INQUIRE_Q_STATUS, RC_PARAMETER_ERROR, PARM_Q_STATUS_ATTRS);
   expectError(run(CMD_INQUIRE_Q_STATUS, named("NONE.*", std::nullopt)), CMD_INQUIRE_Q_STATUS,
               RC_UNKNOWN_OBJECT_NAME, ATTR_Q_NAME);
+}
+
+// ----- The table of queue attributes ----------------------------------------------------------
+
+// The selectors of the table's rows that an inquiry reports, in its order.
+std::vector<int32_t> tableSelectors(bool statusOnly) {
+  std::vector<int32_t> selectors;
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes())
+    if (!statusOnly || attribute.shown != vxqi::Shown::InShow)
+      selectors.push_back(attribute.selector);
+  return selectors;
+}
+
+TEST_F(CommandServerTest, InquiriesReportTheRowsOfTheTableOfQueueAttributesInItsOrder) {
+  createLocal("TEST.A");
+  const Execution all = run(CMD_INQUIRE_Q, named("TEST.A", std::nullopt));
+  expectDone(all, CMD_INQUIRE_Q);
+  EXPECT_EQ(all.replies[0].selectors(), tableSelectors(false));
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
+    if (attribute.type != vxqi::AttributeType::String) continue;
+    SCOPED_TRACE(attribute.name);
+    EXPECT_EQ(all.replies[0].raw(attribute.selector).size(), static_cast<size_t>(attribute.length));
+  }
+  const Execution status = run(CMD_INQUIRE_Q_STATUS, named("TEST.A", std::nullopt));
+  expectDone(status, CMD_INQUIRE_Q_STATUS);
+  EXPECT_EQ(status.replies[0].selectors(), tableSelectors(true));
+}
+
+TEST_F(CommandServerTest, ChangeQueueTakesTheTablesRangeAndRefusesOnePast) {
+  createLocal("TEST.Q1");
+  for (const int32_t selector : {ATTR_MAX_Q_DEPTH, ATTR_MAX_MSG_LENGTH, ATTR_DEF_PRIORITY}) {
+    const vxqi::QueueAttribute &attribute = *vxqi::findQueueAttribute(selector);
+    const auto changeTo = [&](int32_t value) {
+      return run(CMD_CHANGE_Q, named("TEST.Q1", QTYPE_LOCAL,
+                                     [=](VXHBAG bag) { addInteger(bag, selector, value); }));
+    };
+    SCOPED_TRACE(attribute.name);
+    expectDone(changeTo(attribute.minimum), CMD_CHANGE_Q);
+    expectDone(changeTo(attribute.maximum), CMD_CHANGE_Q);
+    expectError(changeTo(attribute.minimum - 1), CMD_CHANGE_Q, RC_PARAMETER_ERROR, selector);
+    expectError(changeTo(attribute.maximum + 1), CMD_CHANGE_Q, RC_PARAMETER_ERROR, selector);
+  }
+  EXPECT_EQ(attributesOf("TEST.Q1").maxDepth, vxqm::kLargestMaxDepth);
+  // The queue manager refuses the same values: the server's check is not
+  // the only one.
+  vxqm::QueueChanges changes;
+  changes.maxDepth = vxqm::kLargestMaxDepth + 1;
+  EXPECT_REASON(vxqm::admin::changeQueue(kQm, "TEST.Q1", changes), RC_SELECTOR_ERROR);
+}
+
+TEST_F(CommandServerTest, CreateChangeAndCopyTakeOnlyTheAttributesThatCommandsChange) {
+  createLocal("TEST.Q1");
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
+    if (attribute.setting != vxqi::Setting::ReadOnly) continue;
+    SCOPED_TRACE(attribute.name);
+    const Filler readOnly = [&](VXHBAG bag) { addInteger(bag, attribute.selector, 1); };
+    expectError(run(CMD_CREATE_Q, named("TEST.Q2", QTYPE_LOCAL, readOnly)), CMD_CREATE_Q,
+                RC_PARAMETER_ERROR, attribute.selector);
+    expectError(run(CMD_CHANGE_Q, named("TEST.Q1", QTYPE_LOCAL, readOnly)), CMD_CHANGE_Q,
+                RC_PARAMETER_ERROR, attribute.selector);
+    expectError(run(CMD_COPY_Q, copyOf("TEST.Q1", "TEST.Q2", QTYPE_LOCAL, readOnly)), CMD_COPY_Q,
+                RC_PARAMETER_ERROR, attribute.selector);
+  }
+  EXPECT_FALSE(exists("TEST.Q2"));
 }
 
 // ----- Requests that are not command messages --------------------------------------------------

@@ -20,8 +20,8 @@ json_number() { tr -d ' \n' < "$1" | grep -o "\"$2\":[0-9]*" | head -n 1 | cut -
 
 echo "== one process after another"
 vx create queue SEQ.A --max-depth 50 --description "made by the first process" > /dev/null
-vx put SEQ.A first > /dev/null
-vx put SEQ.A second > /dev/null
+vx put SEQ.A --persistent first > /dev/null
+vx put SEQ.A --persistent second > /dev/null
 # A non-persistent message outlives the process that put it.
 vx put SEQ.A --non-persistent third > /dev/null
 vx change queue SEQ.A --max-depth 60 > /dev/null
@@ -32,7 +32,7 @@ grep -q '"q_desc": "made by the first process"' "$work/show" || fail "descriptio
 [ "$(json_number "$work/show" current_depth)" = 3 ] || fail "depth not 3: $(cat "$work/show")"
 vx show queue SEQ.B --json > "$work/copy"
 [ "$(json_number "$work/copy" max_q_depth)" = 60 ] || fail "copy does not carry the changed depth"
-vx get SEQ.A --count 3 > "$work/got"
+for i in 1 2 3; do vx get SEQ.A --raw && echo; done > "$work/got"
 printf 'first\nsecond\nthird\n' | cmp -s - "$work/got" || fail "got, in order: $(cat "$work/got")"
 vx status 'SEQ.*' --json > "$work/status"
 [ "$(json_number "$work/status" current_depth)" = 0 ] || fail "messages got are still there"
@@ -50,7 +50,7 @@ for side in A B; do
   case $side in A) to=TO.B from=TO.A ;; B) to=TO.A from=TO.B ;; esac
   i=1
   while [ $i -le 5000 ]; do
-    echo "put $to $side.$i"
+    echo "put $to $side.$i --persistent"
     i=$((i + 1))
   done > "$work/commands.$side"
   echo "get $from --count 5000 --wait 30000" >> "$work/commands.$side"
@@ -65,7 +65,7 @@ for side in A B; do
   grep -c "^put .* (persistent)" "$work/out.$side" > "$work/puts"
   [ "$(cat "$work/puts")" = 5000 ] || fail "$side put $(cat "$work/puts") of 5000"
   grep "^$other\." "$work/out.$side" > "$work/got.$side" || true
-  sed -n "s/^put [^ ]* \($other\.[0-9]*\)$/\1/p" "$work/commands.$other" |
+  sed -n "s/^put [^ ]* \($other\.[0-9]*\) --persistent$/\1/p" "$work/commands.$other" |
     cmp -s - "$work/got.$side" || fail "$side did not get each of $other's 5000 once, in order"
 done
 vx status 'TO.*' --json > "$work/status"

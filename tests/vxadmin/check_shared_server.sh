@@ -38,7 +38,7 @@ vx put SHARED.Q one > /dev/null
 # process hosts none.
 printf 'show qmgr\nstatus SHARED.Q\nstatus SYSTEM.ADMIN.COMMAND.QUEUE\n' |
   vx --json --wait 5000 shell > "$work/shell" 2> "$work/err" || fail "shell: $(cat "$work/err")"
-grep -q '"command_server": "running"' "$work/shell" || fail "show qmgr: $(cat "$work/shell")"
+tr -d ' \n' < "$work/shell" | grep -q '"command_server":"running"' || fail "show qmgr: $(cat "$work/shell")"
 [ "$(json_number "$work/shell" command_server_pid)" = "$pid" ] ||
   fail "show qmgr does not name pid $pid: $(cat "$work/shell")"
 tr -d ' \n' < "$work/shell" | grep -q '"q_name":"SHARED.Q","current_depth":1' ||

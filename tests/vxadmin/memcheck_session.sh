@@ -24,4 +24,8 @@ run list queues 'PAY*'
 run show queue PAYROLL.IN --json
 run status 'PAY*'
 run get PAYROLL.IN --wait 1000
+run put PAYROLL.IN --base64 AP8BZm9v
+run get PAYROLL.IN --count 2 --json
+run help --man > /dev/null
+run completion bash > /dev/null
 printf 'ping\nclear queue PAYROLL.IN\ndelete queue PAYROLL.IN\n' | run shell --echo

@@ -1,6 +1,9 @@
 #include "vxnames.h"
 
+#include <array>
+
 #include "command_server.h"
+#include "queue_attributes.h"
 #include "vxai.h"
 #include "vxqi.h"
 
@@ -110,21 +113,9 @@ constexpr Reason kReasons[] = {
      "message length of 4096 or more"},
 };
 
-// In the order the attributes of a queue are shown.
-constexpr Selector kSelectors[] = {
-    {ATTR_Q_NAME, "ATTR_Q_NAME", "q_name", ValueType::String},
-    {ATTR_Q_TYPE, "ATTR_Q_TYPE", "q_type", ValueType::Integer},
-    {ATTR_Q_DESC, "ATTR_Q_DESC", "q_desc", ValueType::String},
-    {ATTR_DEF_PERSISTENCE, "ATTR_DEF_PERSISTENCE", "def_persistence", ValueType::Integer},
-    {ATTR_DEF_PRIORITY, "ATTR_DEF_PRIORITY", "def_priority", ValueType::Integer},
-    {ATTR_DEFINITION_TYPE, "ATTR_DEFINITION_TYPE", "definition_type", ValueType::Integer},
-    {ATTR_INHIBIT_GET, "ATTR_INHIBIT_GET", "inhibit_get", ValueType::Integer},
-    {ATTR_INHIBIT_PUT, "ATTR_INHIBIT_PUT", "inhibit_put", ValueType::Integer},
-    {ATTR_MAX_MSG_LENGTH, "ATTR_MAX_MSG_LENGTH", "max_msg_length", ValueType::Integer},
-    {ATTR_MAX_Q_DEPTH, "ATTR_MAX_Q_DEPTH", "max_q_depth", ValueType::Integer},
-    {ATTR_CURRENT_DEPTH, "ATTR_CURRENT_DEPTH", "current_depth", ValueType::Integer},
-    {ATTR_OPEN_INPUT_COUNT, "ATTR_OPEN_INPUT_COUNT", "open_input_count", ValueType::Integer},
-    {ATTR_OPEN_OUTPUT_COUNT, "ATTR_OPEN_OUTPUT_COUNT", "open_output_count", ValueType::Integer},
+// The selectors that are not attributes of a queue; those of a queue come
+// from the table of queue attributes, first, in the order they are shown.
+constexpr Selector kOtherSelectors[] = {
     {ATTR_Q_MGR_NAME, "ATTR_Q_MGR_NAME", "q_mgr_name", ValueType::String},
     {ATTR_CODED_CHAR_SET_ID, "ATTR_CODED_CHAR_SET_ID", "coded_char_set_id", ValueType::Integer},
     {PARM_Q_MGR_ATTRS, "PARM_Q_MGR_ATTRS", "q_mgr_attrs", ValueType::Integer},
@@ -139,19 +130,36 @@ constexpr Selector kSelectors[] = {
     {PARM_Q_NAMES, "PARM_Q_NAMES", "q_names", ValueType::StringList},
 };
 
-constexpr Value kValues[] = {
-    {ATTR_Q_TYPE, QTYPE_LOCAL, "local"},
-    {ATTR_Q_TYPE, QTYPE_MODEL, "model"},
-    {ATTR_DEFINITION_TYPE, DEFTYPE_PREDEFINED, "predefined"},
-    {ATTR_DEFINITION_TYPE, DEFTYPE_PERMANENT_DYNAMIC, "permanent_dynamic"},
-    {ATTR_DEFINITION_TYPE, DEFTYPE_TEMPORARY_DYNAMIC, "temporary_dynamic"},
-    {ATTR_DEF_PERSISTENCE, PERSISTENCE_NOT_PERSISTENT, "not_persistent"},
-    {ATTR_DEF_PERSISTENCE, PERSISTENCE_PERSISTENT, "persistent"},
-    {ATTR_INHIBIT_GET, INHIBIT_ALLOWED, "allowed"},
-    {ATTR_INHIBIT_GET, INHIBIT_INHIBITED, "inhibited"},
-    {ATTR_INHIBIT_PUT, INHIBIT_ALLOWED, "allowed"},
-    {ATTR_INHIBIT_PUT, INHIBIT_INHIBITED, "inhibited"},
-};
+// One array of every selector, made when compiling: selectors() hands it
+// out whole, and the entries found in it live as long as the program.
+constexpr auto kSelectors = [] {
+  std::array<Selector, std::size(vxqi::kQueueAttributes) + std::size(kOtherSelectors)> all{};
+  size_t next = 0;
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
+    const ValueType type =
+        attribute.type == vxqi::AttributeType::String ? ValueType::String : ValueType::Integer;
+    all[next++] = {attribute.selector, attribute.name, attribute.key, type};
+  }
+  for (const Selector &other : kOtherSelectors) all[next++] = other;
+  return all;
+}();
+
+// Every named value is one of a queue attribute's.
+constexpr size_t namedValueCount() {
+  size_t count = 0;
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes())
+    count += attribute.values.size();
+  return count;
+}
+
+constexpr auto kValues = [] {
+  std::array<Value, namedValueCount()> all{};
+  size_t next = 0;
+  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes())
+    for (const vxqi::ValueName &named : attribute.values)
+      all[next++] = {attribute.selector, named.value, named.name};
+  return all;
+}();
 
 }  // namespace
 

@@ -1,8 +1,10 @@
 // Names of the product's numbers for people and scripts: reason codes with
 // their constant name and a one-line text, and selectors (attributes and
 // command parameters) with their constant name and the key that vxadmin's
-// JSON output and its tables use.  One table each, in vxnames.cpp; the tool
-// and the tests read them through the functions below.
+// JSON output and its tables use.  One table each, in vxnames.cpp, but for
+// the attributes of a queue and their named values, which come from the
+// table of queue attributes (queue_attributes.h); the tool and the tests
+// read them through the functions below.
 #ifndef VX_NAMES_H
 #define VX_NAMES_H
 
