@@ -186,9 +186,9 @@ int serve(const GlobalOptions &options, int ready) {
       return fail(withStoreFailure(
           options.qmgr, reason, subject + " does not start: " + vxnames::describeReason(reason)));
     if (!existed && databaseExists(files.database))
-      logEvent("made queue manager " + options.qmgr + " in " + dir);
-    logEvent(subject + " started (pid " + std::to_string(getpid()) + ", data directory " + dir +
-             ", database " + files.database + ")");
+      logEvent("made queue manager " + options.qmgr + " in " + files.directory);
+    logEvent(subject + " started (pid " + std::to_string(getpid()) + ", data directory " +
+             files.directory + ", database " + files.database + ")");
     report(&ready, "ready " + std::to_string(getpid()));
     int received = 0;
     while (sigwait(&stopSignals, &received) != 0) {

@@ -43,24 +43,32 @@ class Bag {
   VXHBAG handle_ = BAG_NONE;
 };
 
-// The files of a queue manager in its data directory: the database the
-// queue manager keeps, and the pid file and log of a command server that
-// serve or start runs.
+// Whether --data or VXQM_DATA names a PostgreSQL database
+// (postgresql://... or postgres://...) rather than a directory.
+bool isDatabaseUri(const std::string &location);
+
+// The files of a queue manager: the database it keeps (a file of its data
+// directory, or its schema in a PostgreSQL database), and the pid file and
+// log of a command server that serve or start runs.  Those two are files
+// of the data directory; with a PostgreSQL database they are files of the
+// user's state directory on this host, named after the queue manager and
+// the database, so that stop finds the server that start ran here.
+// `directory` is the location as it is shown: a URI's password is left out.
 struct DataFiles {
-  DataFiles(const std::string &directory, const std::string &qmgr)
-      : directory(directory),
-        database(directory + "/" + qmgr + ".db"),
-        pidFile(directory + "/" + qmgr + ".server.pid"),
-        logFile(directory + "/" + qmgr + ".server.log") {}
+  DataFiles(const std::string &location, const std::string &qmgr);
   std::string directory, database, pidFile, logFile;
 };
 
+// The user's state directory ($XDG_STATE_HOME/vxai, else
+// ~/.local/state/vxai); empty when neither can be named.
+std::string stateDirectory();
 // The data directory: --data, else VXQM_DATA, else the user's state
 // directory.  Empty when none can be named.  *named tells whether the user
 // named it (--data or VXQM_DATA) rather than it being the default.
 std::string dataDirectoryOf(const GlobalOptions &options, bool *named = nullptr);
 // Makes the data directory and hands it to the queue manager; returns its
-// absolute path.
+// absolute path.  A PostgreSQL database is handed over as it is named; the
+// state directory, which then holds a command server's files, is made.
 std::string prepareDataDirectory(const GlobalOptions &options);
 void checkQmgrName(const std::string &qmgr);
 bool databaseExists(const std::string &database);
