@@ -8,12 +8,15 @@
 //   no limit, for a few seconds: a wait that sleeps costs none;
 //   messages per second of put and get across two processes (one puts, the
 //   other gets at the same time), beside one process that puts then gets,
-//   and two threads of one process.
-// Usage: bench_shared [rounds] [messages] [wait-seconds]
-//   (defaults 1000, 5000, 2).  The data directory and the directory of
-//   storage in memory (VXQM_MEMORY_DIR) are made for the run, under /tmp and
-//   /dev/shm, and removed at the end.  The second process is this program
-//   again, started with a role: bench_shared --role ...
+//   and two threads of one process; and one process putting while 8 other
+//   processes get from the same queue.
+// Usage: bench_shared [--data LOCATION] [rounds] [messages] [wait-seconds]
+//   (defaults 1000, 5000, 2).  Without --data, the data directory and the
+//   directory of storage in memory (VXQM_MEMORY_DIR) are made for the run,
+//   under /tmp and /dev/shm, and removed at the end; with it, the queue
+//   manager lives there (a directory, or a PostgreSQL server's URI) under a
+//   name of the run's own.  The other processes are this program again,
+//   started with a role: bench_shared --role ...
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -41,7 +44,11 @@ extern char **environ;
 
 namespace {
 
-constexpr const char *kQmName = "QMBENCH";
+// The queue manager of the run: QMBENCH, or QMBENCH.<pid> with --data, so
+// that runs over one server or directory never meet.
+std::string qmName = "QMBENCH";
+// Getters of the last throughput measure, each a process of its own.
+constexpr int kGetterProcesses = 8;
 constexpr int32_t kMessageLength = 256;
 // Between a pong and the next ping: time for the echo to go back to sleep in
 // its get, so that every round measures a get that was woken.
@@ -71,7 +78,7 @@ class Door {
  public:
   Door() {
     char name[QM_NAME_LENGTH] = {};
-    std::memcpy(name, kQmName, std::strlen(kQmName));
+    std::memcpy(name, qmName.data(), qmName.size());
     int32_t cc = 0, rc = 0;
     qmCONN(name, &hconn_, &cc, &rc, 0);
     if (cc != CC_OK) fatal("connect", rc);
@@ -198,6 +205,7 @@ using bench::Child;
 // The second process of a measure, told this one's pid so that it ends with it.
 Child spawn(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {"--role", std::to_string(getpid())});
+  arguments.push_back(qmName);
   return bench::spawnSelf("bench_shared", std::move(arguments));
 }
 
@@ -223,10 +231,12 @@ double cpuSeconds(const rusage &u) {
 //                                  "<cpu seconds> <voluntary> <involuntary>"
 //                                  (context switches) of the get alone
 //   getter QUEUE COUNT             gets COUNT; then "done"
+// The queue manager's name follows the role's arguments.
 int role(int argc, char **argv) {
   // Ends with its parent, whatever happens to it; the parent's pid names it.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (argc < 4 || getppid() != static_cast<pid_t>(std::atol(argv[2]))) return 2;
+  if (argc < 5 || getppid() != static_cast<pid_t>(std::atol(argv[2]))) return 2;
+  qmName = argv[--argc];
   const std::string what = argv[3];
   if (what == "echo" && argc == 8) {
     echo(argv[4], argv[5], std::atoi(argv[6]), persistenceOf(argv[7]), true);
@@ -271,8 +281,8 @@ void expect(Child &child, const char *line) {
 // thread of this one.
 Latencies latency(const std::string &tag, int rounds, int32_t persistence, bool threads) {
   const std::string ping = "LAT." + tag + ".PING", pong = "LAT." + tag + ".PONG";
-  checkAdmin(vxqm::admin::createQueue(kQmName, ping, {}), "create queue");
-  checkAdmin(vxqm::admin::createQueue(kQmName, pong, {}), "create queue");
+  checkAdmin(vxqm::admin::createQueue(qmName, ping, {}), "create queue");
+  checkAdmin(vxqm::admin::createQueue(qmName, pong, {}), "create queue");
   const char *word = persistence == PERSISTENCE_PERSISTENT ? "p" : "np";
   if (threads) {
     std::thread other(echo, ping, pong, rounds, persistence, false);
@@ -307,7 +317,7 @@ double rate(long count, int64_t ns) {
 std::string makeThroughputQueue(const std::string &name, long count) {
   vxqm::QueueChanges changes;
   changes.maxDepth = static_cast<int32_t>(std::min<long>(count, vxqm::kLargestMaxDepth));
-  checkAdmin(vxqm::admin::createQueue(kQmName, name, changes), "create queue");
+  checkAdmin(vxqm::admin::createQueue(qmName, name, changes), "create queue");
   return name;
 }
 
@@ -364,12 +374,34 @@ Throughput concurrent(const std::string &tag, long count, int32_t persistence, b
   return {rate(count, put - start), rate(count, end - start)};
 }
 
+// One thread puts `count` while `getters` other processes get them, each
+// its share; returns the messages per second from the first put to the
+// last get.
+double manyGetters(const std::string &tag, long count, int getters, int32_t persistence) {
+  const std::string queue = makeThroughputQueue("RATE." + tag + ".GETTERS", count);
+  std::vector<Child> children;
+  for (int g = 0; g < getters; ++g) {
+    const long share = count / getters + (g < count % getters ? 1 : 0);
+    children.push_back(spawn({"getter", queue, std::to_string(share)}));
+  }
+  for (Child &child : children) expect(child, "ready");
+  Door door;
+  const int32_t hobj = door.open(queue, OPEN_OUTPUT);
+  std::vector<char> data(kMessageLength, 'x');
+  const int64_t start = nowNs();
+  for (long i = 0; i < count; ++i) door.put(hobj, data.data(), persistence);
+  for (Child &child : children) expect(child, "done");
+  const int64_t end = nowNs();
+  for (Child &child : children) finish(child);
+  return rate(count, end - start);
+}
+
 // A process whose get waits with no limit for `seconds`: the CPU it used
 // and its context switches, from its own getrusage around the get, and from
 // /proc while it waits.
 void waitingCost(double seconds) {
   const std::string queue = "WAIT.COST";
-  checkAdmin(vxqm::admin::createQueue(kQmName, queue, {}), "create queue");
+  checkAdmin(vxqm::admin::createQueue(qmName, queue, {}), "create queue");
   Child child = spawn({"wait", queue});
   expect(child, "ready");
   const auto procTicks = [&child] {
@@ -438,20 +470,32 @@ std::string makeDirectory(const char *pattern) {
 
 int main(int argc, char **argv) {
   if (argc > 1 && std::strcmp(argv[1], "--role") == 0) return role(argc, argv);
+  std::string location;
+  if (argc > 2 && std::strcmp(argv[1], "--data") == 0) {
+    location = argv[2];
+    argv += 2;
+    argc -= 2;
+  }
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 1000;
   const long messages = argc > 2 ? std::atol(argv[2]) : 5000;
   const double waitSeconds = argc > 3 ? std::atof(argv[3]) : 2.0;
   if (argc > 4 || rounds <= 0 || messages <= 0 || waitSeconds < 0) {
-    std::fprintf(stderr, "usage: bench_shared [rounds] [messages] [wait-seconds]\n");
+    std::fprintf(stderr,
+                 "usage: bench_shared [--data LOCATION] [rounds] [messages] [wait-seconds]\n");
     return 2;
   }
-  const std::string data = makeDirectory("/tmp/bench_shared.XXXXXX");
-  const std::string memory = makeDirectory("/dev/shm/bench_shared.XXXXXX");
-  // The children inherit both; the queue manager reads them when it is made.
-  setenv("VXQM_DATA", data.c_str(), 1);
-  setenv("VXQM_MEMORY_DIR", memory.c_str(), 1);
+  // The children inherit the variables; the queue manager reads them when it
+  // is made.
+  if (location.empty()) {
+    location = makeDirectory("/tmp/bench_shared.XXXXXX");
+    const std::string memory = makeDirectory("/dev/shm/bench_shared.XXXXXX");
+    setenv("VXQM_MEMORY_DIR", memory.c_str(), 1);
+  } else {
+    qmName += "." + std::to_string(getpid());
+  }
+  setenv("VXQM_DATA", location.c_str(), 1);
 
-  std::printf("queue manager shared by processes, 256-byte messages\n");
+  std::printf("queue manager shared by processes (%s), 256-byte messages\n", location.c_str());
   std::printf("\nwoken get: from before the put to the get's return, us, %d rounds\n", rounds);
   std::printf("  %-44s %8s %8s %8s %8s %8s %6s\n", "", "median", "p90", "p99", "max", "put",
               "early");
@@ -489,6 +533,12 @@ int main(int argc, char **argv) {
     row("two processes, at once", processes);
     row("two threads, at once", threads);
     row("one thread, put all then get all", one);
+    const double getters = manyGetters(kind.tag, messages, kGetterProcesses, kind.persistence);
+    std::printf("  %-52s %10s %10.0f\n",
+                (std::string(kind.words) + ", " + std::to_string(kGetterProcesses) +
+                 " getter processes, one putter")
+                    .c_str(),
+                "", getters);
   }
   std::printf("  (put+get: the count over the time from the first put to the last get)\n");
   return 0;

@@ -11,8 +11,9 @@
 # that folder and on 127.0.0.1, on the first free port from a number picked
 # at random, so that several builds' servers can run side by side.  Its role
 # "vxtest" is a superuser, trusted without a password: only this machine can
-# reach it.  fsync is off: a test server need not survive a crash of the
-# machine, only a restart of itself.
+# reach it.  fsync is off (a test server need not survive a crash of the
+# machine, only a restart of itself), unless VX_PG_FSYNC=on: a benchmark
+# measures a server that syncs as a real one does.
 #
 # DIR/uri names the database through the socket, DIR/tcp_uri through TCP on
 # loopback (what another host would use).
@@ -43,8 +44,8 @@ start)
     --locale=C >"$cluster/initdb.log" 2>&1 ||
     { cat "$cluster/initdb.log" >&2; exit 1; }
   cat >>"$cluster/data/postgresql.conf" <<EOF
-fsync = off
-full_page_writes = off
+fsync = ${VX_PG_FSYNC:-off}
+full_page_writes = ${VX_PG_FSYNC:-off}
 max_connections = 300
 EOF
   echo "$cluster" >"$dir/cluster"

@@ -1,0 +1,199 @@
+// Benchmark of the PostgreSQL store, run by hand (bench/bench_postgres.sh
+// starts a server for it): the time of one put and of one get of a 256-byte
+// message through a queue manager over the server, persistent and not,
+// beside the limit the server itself sets: a plain INSERT of the same row,
+// each its own transaction, into a table of the same shape (logged for a
+// persistent message, UNLOGGED for one that is not), and a plain DELETE …
+// RETURNING of each row by its key.
+// Usage: bench_postgres URI [messages]   (default 5000).  Everything goes in
+// schemas named after the run, dropped at the end.
+#include <libpq-fe.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "qm.h"
+#include "qm_admin.h"
+#include "vxqi_records.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int32_t kMessageLength = 256;
+
+double microseconds(Clock::duration d, long count) {
+  return std::chrono::duration<double, std::micro>(d).count() / static_cast<double>(count);
+}
+
+void check(bool good, const char *what) {
+  if (!good) {
+    std::fprintf(stderr, "bench_postgres: %s failed\n", what);
+    std::exit(1);
+  }
+}
+
+// Runs a statement that returns no rows; ends the run when it fails.
+void run(PGconn *connection, const std::string &sql) {
+  PGresult *result = PQexec(connection, sql.c_str());
+  const bool good = PQresultStatus(result) == PGRES_COMMAND_OK;
+  if (!good) std::fprintf(stderr, "%s: %s", sql.c_str(), PQerrorMessage(connection));
+  PQclear(result);
+  check(good, "a statement");
+}
+
+struct PerMessage {
+  double put;  // microseconds per put (or insert)
+  double get;  // microseconds per get (or delete)
+};
+
+// Plain statements: `count` inserts of a message's row, each its own
+// transaction, then a DELETE … RETURNING of each by its key.
+PerMessage plainStatements(PGconn *connection, const std::string &schema, bool logged, long count) {
+  run(connection, "CREATE " + std::string(logged ? "" : "UNLOGGED ") + "TABLE " + schema +
+                      ".messages (seq bigserial PRIMARY KEY, queue text NOT NULL,"
+                      " priority integer NOT NULL, state smallint NOT NULL,"
+                      " msg_id bytea NOT NULL, correl_id bytea NOT NULL,"
+                      " descriptor bytea NOT NULL, data bytea NOT NULL)");
+  run(connection, "CREATE INDEX ON " + schema + ".messages (queue, state, priority DESC, seq)");
+  const std::string insert = "INSERT INTO " + schema +
+                             ".messages (queue, priority, state, msg_id, correl_id,"
+                             " descriptor, data) VALUES ($1, 0, 0, $2, $3, $4, $5) RETURNING seq";
+  const std::string remove =
+      "DELETE FROM " + schema + ".messages WHERE seq = $1 RETURNING descriptor, data";
+  PGresult *prepared = PQprepare(connection, "insert", insert.c_str(), 5, nullptr);
+  check(PQresultStatus(prepared) == PGRES_COMMAND_OK, "prepare insert");
+  PQclear(prepared);
+  prepared = PQprepare(connection, "remove", remove.c_str(), 1, nullptr);
+  check(PQresultStatus(prepared) == PGRES_COMMAND_OK, "prepare delete");
+  PQclear(prepared);
+
+  const vxMSGDESC md = MD_DEFAULT;
+  const std::vector<char> data(kMessageLength, 'x');
+  std::vector<std::string> keys;
+  keys.reserve(static_cast<size_t>(count));
+  const Clock::time_point putStart = Clock::now();
+  for (long i = 0; i < count; ++i) {
+    char id[MSG_ID_LENGTH] = {};
+    std::memcpy(id, &i, sizeof i);
+    const char *values[5] = {"BENCH", id, md.correlId, reinterpret_cast<const char *>(&md),
+                             data.data()};
+    const int lengths[5] = {5, MSG_ID_LENGTH, CORREL_ID_LENGTH, sizeof md, kMessageLength};
+    const int formats[5] = {0, 1, 1, 1, 1};
+    PGresult *result =
+        PQexecPrepared(connection, "insert", 5, values, lengths, formats, /*resultFormat=*/0);
+    check(PQresultStatus(result) == PGRES_TUPLES_OK, "insert");
+    keys.emplace_back(PQgetvalue(result, 0, 0));
+    PQclear(result);
+  }
+  const Clock::duration putTime = Clock::now() - putStart;
+
+  const Clock::time_point getStart = Clock::now();
+  for (const std::string &key : keys) {
+    const char *values[1] = {key.c_str()};
+    PGresult *result = PQexecPrepared(connection, "remove", 1, values, nullptr, nullptr, 1);
+    check(PQresultStatus(result) == PGRES_TUPLES_OK && PQntuples(result) == 1, "delete");
+    PQclear(result);
+  }
+  const Clock::duration getTime = Clock::now() - getStart;
+  PQclear(PQexec(connection, "DEALLOCATE ALL"));
+  return {microseconds(putTime, count), microseconds(getTime, count)};
+}
+
+// `count` puts, then `count` gets, through the queue manager `qmName` (its
+// store named by VXQM_DATA).
+PerMessage throughQueueManager(const std::string &qmName, int32_t persistence, long count) {
+  vxqm::QueueChanges changes;
+  changes.maxDepth = static_cast<int32_t>(count);
+  check(vxqm::admin::createQueue(qmName, "BENCH", changes) == RC_NONE, "create queue");
+  char name[QM_NAME_LENGTH] = {};
+  std::memcpy(name, qmName.data(), qmName.size());
+  int32_t hconn = 0, cc = 0, rc = 0;
+  qmCONN(name, &hconn, &cc, &rc, 0);
+  check(cc == CC_OK, "connect");
+  vxOBJDESC od = OD_DEFAULT;
+  std::memcpy(od.objectName, "BENCH", 5);
+  int32_t hobj = 0;
+  qmOPEN(hconn, &od, OPEN_OUTPUT | OPEN_INPUT_SHARED, &hobj, &cc, &rc);
+  check(cc == CC_OK, "open");
+  std::vector<char> data(kMessageLength, 'x');
+
+  const Clock::time_point putStart = Clock::now();
+  for (long i = 0; i < count; ++i) {
+    vxMSGDESC md = MD_DEFAULT;
+    md.persistence = persistence;
+    vxPUTOPTS pmo = PMO_DEFAULT;
+    qmPUT(hconn, hobj, &md, &pmo, kMessageLength, data.data(), 0, &cc, &rc);
+    check(cc == CC_OK, "put");
+  }
+  const Clock::duration putTime = Clock::now() - putStart;
+
+  const Clock::time_point getStart = Clock::now();
+  for (long i = 0; i < count; ++i) {
+    vxMSGDESC md = MD_DEFAULT;
+    vxGETOPTS gmo = GMO_DEFAULT;
+    int32_t length = 0;
+    qmGET(hconn, hobj, &md, &gmo, kMessageLength, data.data(), &length, 0, &cc, &rc);
+    check(cc == CC_OK, "get");
+  }
+  const Clock::duration getTime = Clock::now() - getStart;
+  qmCLOSE(hconn, &hobj, 0, &cc, &rc);
+  qmDISC(&hconn, 0, &cc, &rc);
+  return {microseconds(putTime, count), microseconds(getTime, count)};
+}
+
+void row(const char *what, const PerMessage &m) {
+  std::printf("  %-46s %9.1f %9.1f\n", what, m.put, m.get);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc < 2 || argc > 3) {
+    std::fprintf(stderr, "usage: bench_postgres URI [messages]\n");
+    return 2;
+  }
+  const std::string uri = argv[1];
+  const long count = argc > 2 ? std::atol(argv[2]) : 5000;
+  check(count > 0, "the count of messages");
+  const std::string tag = std::to_string(getpid());
+  const std::string schema = "bench_plain_" + tag;
+
+  PGconn *connection = PQconnectdb(uri.c_str());
+  check(PQstatus(connection) == CONNECTION_OK, "connecting to the server");
+  run(connection, "CREATE SCHEMA " + schema);
+  const PerMessage plainLogged = plainStatements(connection, schema, true, count);
+  run(connection, "DROP TABLE " + schema + ".messages");
+  const PerMessage plainUnlogged = plainStatements(connection, schema, false, count);
+
+  setenv("VXQM_DATA", uri.c_str(), 1);
+  const std::string persistentQm = "BENCH.P." + tag, volatileQm = "BENCH.NP." + tag;
+  const PerMessage persistent = throughQueueManager(persistentQm, PERSISTENCE_PERSISTENT, count);
+  const PerMessage nonPersistent =
+      throughQueueManager(volatileQm, PERSISTENCE_NOT_PERSISTENT, count);
+
+  run(connection, "DROP SCHEMA " + schema + " CASCADE");
+  for (const std::string &qm : {persistentQm, volatileQm}) {
+    char *quoted = PQescapeIdentifier(connection, qm.c_str(), qm.size());
+    run(connection, std::string("DROP SCHEMA IF EXISTS ") + quoted + " CASCADE");
+    PQfreemem(quoted);
+  }
+  PQfinish(connection);
+
+  std::printf("%ld messages of %d bytes, one process, microseconds per message\n", count,
+              kMessageLength);
+  std::printf("  %-46s %9s %9s\n", "", "put", "get");
+  row("queue manager, persistent", persistent);
+  row("plain INSERT / DELETE ... RETURNING, logged", plainLogged);
+  row("queue manager, non-persistent", nonPersistent);
+  row("plain INSERT / DELETE ... RETURNING, unlogged", plainUnlogged);
+  std::printf("  persistent put: %.2fx a plain insert; get: %.2fx a plain delete (targets: 2x)\n",
+              persistent.put / plainLogged.put, persistent.get / plainLogged.get);
+  std::printf("  non-persistent put: %.2fx a plain insert; get: %.2fx a plain delete\n",
+              nonPersistent.put / plainUnlogged.put, nonPersistent.get / plainUnlogged.get);
+  return 0;
+}
