@@ -10,7 +10,8 @@
 # C; a handle and a unit of work of a process of host B, killed, are given
 # back to host C; then 4 processes of 4 hosts put EACH messages (default
 # 10000), persistent and not in turn, while 2 processes of other hosts get
-# them: every message is got once.
+# them: every message is got once.  show qmgr, given the URI with a
+# password, shows it without.
 set -eu
 vxadmin=$1
 peer=$2
@@ -20,6 +21,8 @@ each=${4:-10000}
 export VXQM_DATA="$(cat "$VX_TEST_POSTGRES_DIR/tcp_uri")"
 qm="HOSTS.$$"
 work=$(mktemp -d)
+# The pid file and log of the command server go in the state directory.
+export XDG_STATE_HOME="$work"
 # Every process started in the background: none outlives a failed check.
 server="" drainer="" holder="" unit="" getters="" putters=""
 cleanup() {
@@ -101,6 +104,13 @@ cat "$work"/got.* >"$work/got"
 total=$((each * 4))
 [ "$(wc -l <"$work/got")" -eq "$total" ] || fail "got $(wc -l <"$work/got") of $total"
 [ -z "$(sort "$work/got" | uniq -d | head -1)" ] || fail "a message was got twice"
+
+echo "== show qmgr names the server that answered and leaves out the URI's password"
+with_password=$(printf '%s' "$VXQM_DATA" | sed 's|//vxtest@|//vxtest:secret@|')
+VXQM_HOST=host-c "$vxadmin" --data "$with_password" --qmgr "$qm" show qmgr >"$work/show"
+grep -q "^command_server  *running" "$work/show" || fail "$(cat "$work/show")"
+grep -q "vxtest:\.\.\.@127.0.0.1" "$work/show" || fail "$(cat "$work/show")"
+if grep -q secret "$work/show"; then fail "the password is shown: $(cat "$work/show")"; fi
 
 kill -TERM "$server"
 wait "$server" || fail "serve did not end cleanly: $(cat "$work/server.log")"

@@ -291,14 +291,16 @@ namespace {
 // only when the user named it, so that a mistyped path is not made whole;
 // with its parents when it is the default one.  Refuses one that is not
 // the user's alone.  Returns its absolute path.
-std::string makeDirectory(const GlobalOptions &options, std::string dir, bool named) {
+std::string makeDirectory(const GlobalOptions &options, std::string dir, bool named,
+                          const char *what = "data directory") {
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   for (size_t slash = named ? dir.size() : 1; slash <= dir.size(); ++slash) {
     if (slash != dir.size() && dir[slash] != '/') continue;
     std::string part = dir.substr(0, slash);
     if (mkdir(part.c_str(), 0700) == 0) {
       chmod(part.c_str(), 0700);  // the umask may only have taken permissions away
-      if (slash == dir.size()) notice(options, "made the data directory " + absolutePath(dir));
+      if (slash == dir.size())
+        notice(options, std::string("made the ") + what + " " + absolutePath(dir));
     } else if (errno == ENOENT && named) {
       throw Outcome{kFailure, "data directory " + dir +
                                   ": its parent directory does not exist (only the last level "
@@ -331,7 +333,7 @@ std::string prepareDataDirectory(const GlobalOptions &options) {
     const std::string state = stateDirectory();
     if (state.empty())
       throw Outcome{kFailure, "no state directory for the command server's files: set HOME"};
-    makeDirectory(options, state, false);
+    makeDirectory(options, state, false, "state directory");
     setenv("VXQM_DATA", location.c_str(), 1);
     return location;
   }
