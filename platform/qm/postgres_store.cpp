@@ -203,6 +203,24 @@ const Statement kAddMessageWithin{
     " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5,"
     " $6, $7, $8, $9, $10, $11, $12 FROM held"
     " WHERE held.depth - (SELECT count(*) FROM expired) < $14 RETURNING seq"};
+// A put in one statement, its own transaction: kAddMessageWithin, done only
+// while the queue's definition is still the one the store saw ($15 to $19
+// and $14: what a put depends on), else a row of kind 2 and nothing done;
+// an available message notifies its queue (channel $20).  Kind 1: added.
+const Statement kAddChecked{
+    "add_checked",
+    "WITH ok AS (SELECT EXISTS (SELECT 1 FROM queues WHERE name = $2 AND definition_type = $15"
+    " AND persistence = $16 AND priority = $17 AND inhibit_put = $18 AND max_length = $19"
+    " AND max_depth = $14) AS ok), expired AS (DELETE FROM messages WHERE queue = $2"
+    " AND expires <= $13 AND state <> 2 AND (SELECT ok FROM ok) RETURNING 1),"
+    " held AS (SELECT coalesce(sum(depth), 0) AS depth FROM"
+    " (SELECT depth FROM depths WHERE queue = $2 FOR UPDATE) d), added AS ("
+    " INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
+    " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5,"
+    " $6, $7, $8, $9, $10, $11, $12 FROM held WHERE (SELECT ok FROM ok)"
+    " AND held.depth - (SELECT count(*) FROM expired) < $14"
+    " RETURNING seq, CASE WHEN state = 0 THEN pg_notify($20, queue) END)"
+    " SELECT 1, seq FROM added UNION ALL SELECT 2, NULL FROM ok WHERE NOT ok.ok"};
 const Statement kRemoveMessage{"remove_message",
                                "DELETE FROM messages WHERE seq = $1 AND state = 0"};
 const Statement kTakeInUnit{
@@ -329,7 +347,8 @@ std::string findText(unsigned variant) {
 // A take in one statement: the expired messages go, and the first visible
 // message, skipping those that others are taking, is removed (or taken into the unit) when its data
 // is no longer than the limit (kind 1), else left in its place and returned (kind 2); with none,
-// the next visible time (kind 0).
+// the next visible time (kind 0).  With an inhibit of getting given, only
+// while the queue is still so defined, else kind 3 and nothing done.
 std::string takeText(unsigned variant, TakeInto into) {
   int next = 3;
   const std::string match = matchConditions(variant, &next);
@@ -351,15 +370,18 @@ std::string takeText(unsigned variant, TakeInto into) {
              " AND octet_length(m.data) <= " +
              longest + returning;
   }
-  return "WITH expired AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2),"
-         " first AS (SELECT seq, durable FROM messages WHERE " +
-         match +
-         " AND (visible IS NULL OR visible <= $2) ORDER BY priority DESC, seq LIMIT 1"
-         " FOR UPDATE SKIP LOCKED), taken AS (" +
-         taking + ") SELECT 1, * FROM taken UNION ALL SELECT 2, m.seq, m.priority, m.backout," +
+  const std::string inhibit = "$" + std::to_string(next++);
+  return "WITH ok AS (SELECT " + inhibit + "::integer IS NULL OR EXISTS (SELECT 1 FROM queues" +
+         " WHERE name = $1 AND inhibit_get = " + inhibit + ") AS ok)," +
+         " expired AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2" +
+         " AND (SELECT ok FROM ok)), first AS (SELECT seq, durable FROM messages WHERE " + match +
+         " AND (visible IS NULL OR visible <= $2) AND (SELECT ok FROM ok)" +
+         " ORDER BY priority DESC, seq LIMIT 1 FOR UPDATE SKIP LOCKED), taken AS (" + taking +
+         ") SELECT 1, * FROM taken UNION ALL SELECT 2, m.seq, m.priority, m.backout," +
          " m.expires, m.visible, m.descriptor, m.data FROM messages m JOIN first f" +
          " ON m.seq = f.seq AND m.durable = f.durable WHERE NOT EXISTS (SELECT 1 FROM taken)" +
-         nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)");
+         nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)") +
+         " UNION ALL SELECT 3, NULL, NULL, NULL, NULL, NULL, NULL, NULL FROM ok WHERE NOT ok.ok";
 }
 
 using admin::StoreFailure;
@@ -413,8 +435,11 @@ class PostgresStore final : public Store {
 
   bool findQueue(const std::string &name, QueueDefinition *definition) const override {
     const pg::Result r = query(kFindQueue, pg::Params().text(name));
-    if (r.rows() == 0) return false;
-    if (definition != nullptr) {
+    if (r.rows() == 0) {
+      seen_.erase(name);
+      return false;
+    }
+    {
       QueueDefinition found;
       found.name = name;
       found.queueType = static_cast<int32_t>(r.integer(0, 0));
@@ -426,14 +451,25 @@ class PostgresStore final : public Store {
       found.inhibitPut = static_cast<int32_t>(r.integer(0, 6));
       found.maxMsgLength = static_cast<int32_t>(r.integer(0, 7));
       found.maxDepth = static_cast<int32_t>(r.integer(0, 8));
-      *definition = std::move(found);
+      if (definition != nullptr) *definition = found;
+      seen_[name] = std::move(found);
     }
+    return true;
+  }
+
+  // What a put or get checks in its statement comes from what was seen:
+  // the statement finds a change, by any host.
+  bool seenQueue(const std::string &name, QueueDefinition *definition) const override {
+    const auto it = seen_.find(name);
+    if (it == seen_.end()) return findQueue(name, definition);
+    if (definition != nullptr) *definition = it->second;
     return true;
   }
 
   // A queue that dies with its handle need not outlive a restart: it is
   // kept in the unlogged partition.
   void createQueue(const QueueDefinition &definition, int64_t creator) override {
+    seen_.erase(definition.name);
     pg::Params params = definitionParams(definition);
     if (creator == 0) {
       params.null();
@@ -444,6 +480,7 @@ class PostgresStore final : public Store {
   }
 
   void saveQueue(const QueueDefinition &definition) override {
+    seen_.erase(definition.name);
     transaction([&] {
       notify(definition.name);
       if (query(kUpdateQueue, definitionParams(definition)).changed() > 0) return;
@@ -452,6 +489,7 @@ class PostgresStore final : public Store {
   }
 
   void deleteQueue(const std::string &name) override {
+    seen_.erase(name);
     transaction([&] {
       notify(name);
       query(kDeleteQueue, pg::Params().text(name));
@@ -522,6 +560,32 @@ class PostgresStore final : public Store {
     return MessageKey{message.descriptor.priority, static_cast<uint64_t>(r.integer(0, 0))};
   }
 
+  Added addChecked(const std::string &queue, const QueueDefinition &seen, Message message,
+                   Durability durability, MessageState state, uint64_t unit,
+                   Clock::time_point now) override {
+    pg::Params params = messageParams(queue, message, durability, state, unit);
+    params.integer(wallMilliseconds(now))
+        .integer(seen.maxDepth)
+        .integer(seen.definitionType)
+        .integer(seen.defaultPersistence)
+        .integer(seen.defaultPriority)
+        .integer(seen.inhibitPut)
+        .integer(seen.maxMsgLength)
+        .text(channel_);
+    const pg::Result r = query(kAddChecked, std::move(params));
+    Added added;
+    if (r.rows() == 0) return added;
+    if (r.integer(0, 0) == 2) {
+      added.changed = true;
+      seen_.erase(queue);
+      return added;
+    }
+    added.key = MessageKey{message.descriptor.priority, static_cast<uint64_t>(r.integer(0, 1))};
+    return added;
+  }
+
+  bool putIsOneStatement() const override { return true; }
+
   Found findMessage(const std::string &queue, const Selection &selection,
                     Clock::time_point now) const override {
     const unsigned variant = variantOf(selection);
@@ -531,13 +595,13 @@ class PostgresStore final : public Store {
 
   Found takeMessage(const std::string &queue, const Selection &selection, Clock::time_point now,
                     uint64_t unit, size_t longest) override {
-    const unsigned variant = variantOf(selection);
-    const TakeInto into = unit == 0 ? kRemoving : kIntoUnit;
-    const Statement statement{takeNames_[into][variant].c_str(), takeTexts_[into][variant].c_str()};
-    pg::Params params = matchParams(queue, selection, now);
-    params.integer(static_cast<int64_t>(std::min<uint64_t>(longest, INT64_MAX)));
-    if (into == kIntoUnit) params.text(owner_).integer(static_cast<int64_t>(unit));
-    return found(query(statement, std::move(params)), true);
+    return take(queue, nullptr, selection, now, unit, longest);
+  }
+
+  Found takeChecked(const std::string &queue, const QueueDefinition &seen,
+                    const Selection &selection, Clock::time_point now, uint64_t unit,
+                    size_t longest) override {
+    return take(queue, &seen, selection, now, unit, longest);
   }
 
   bool removeMessage(const std::string & /*queue*/, const MessageKey &key) override {
@@ -710,8 +774,33 @@ class PostgresStore final : public Store {
   }
 
   // The row of a search or a take (see findText and takeText).
+  // A take, checked against the definition `seen` when there is one.
+  Found take(const std::string &queue, const QueueDefinition *seen, const Selection &selection,
+             Clock::time_point now, uint64_t unit, size_t longest) {
+    const unsigned variant = variantOf(selection);
+    const TakeInto into = unit == 0 ? kRemoving : kIntoUnit;
+    const Statement statement{takeNames_[into][variant].c_str(), takeTexts_[into][variant].c_str()};
+    pg::Params params = matchParams(queue, selection, now);
+    params.integer(static_cast<int64_t>(std::min<uint64_t>(longest, INT64_MAX)));
+    if (into == kIntoUnit) params.text(owner_).integer(static_cast<int64_t>(unit));
+    if (seen == nullptr) {
+      params.null();
+    } else {
+      params.integer(seen->inhibitGet);
+    }
+    Found taken = found(query(statement, std::move(params)), true);
+    if (taken.changed) seen_.erase(queue);
+    return taken;
+  }
+
   Found found(const pg::Result &r, bool taking) const {
     Found found;
+    for (int i = 0; i < r.rows(); ++i) {
+      if (r.integer(i, 0) == 3) {
+        found.changed = true;
+        return found;
+      }
+    }
     if (r.rows() == 0) return found;
     const int64_t kind = r.integer(0, 0);
     if (kind == 0) {
@@ -986,9 +1075,11 @@ class PostgresStore final : public Store {
   bool retrying_ = false;                   // within retrying()
   mutable bool beginPending_ = false;       // the BEGIN goes with the next statement
   mutable std::set<std::string> notified_;  // queues notified in this transaction
-  mutable std::set<std::string> alive_;     // owners whose lock owners() saw held
-  mutable StoreFailure retryFailure_;       // the last failure that asked to try again
-  mutable Message current_;                 // the message found or taken last
+  // Each queue's definition as last read here, for the statements that check it.
+  mutable std::map<std::string, QueueDefinition> seen_;
+  mutable std::set<std::string> alive_;  // owners whose lock owners() saw held
+  mutable StoreFailure retryFailure_;    // the last failure that asked to try again
+  mutable Message current_;              // the message found or taken last
 };
 
 }  // namespace

@@ -330,9 +330,12 @@ QueueDefinition QueueManager::definition(const std::string &queue) const {
   return definition;
 }
 
-QueueDefinition QueueManager::handleDefinition(const ObjectHandle &h) const {
+// `seen`: the one the store saw last will do, for a call that checks it.
+QueueDefinition QueueManager::handleDefinition(const ObjectHandle &h, bool seen) const {
   QueueDefinition definition;
-  if (h.queue->deleted || !store_->findQueue(h.queueName, &definition)) fail(RC_Q_DELETED);
+  const bool found = seen ? store_->seenQueue(h.queueName, &definition)
+                          : store_->findQueue(h.queueName, &definition);
+  if (h.queue->deleted || !found) fail(RC_Q_DELETED);
   return definition;
 }
 
@@ -582,8 +585,30 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
     fail(RC_PERSISTENCE_ERROR);
   }
   if (md.expiry != EXPIRY_UNLIMITED && md.expiry <= 0) fail(RC_EXPIRY_ERROR);
-  StoreStep step(*store_);
-  const QueueDefinition queue = handleDefinition(h);
+  // A store that puts in one statement checks there the definition it saw,
+  // and needs no step around it; a definition changed since is read again.
+  std::optional<StoreStep> step;
+  if (!store_->putIsOneStatement()) step.emplace(*store_);
+  MessageState messageState = MessageState::kAvailable;
+  bool seen = true;
+  while (!addMessage(c, h, md, pmo, data, length, seen, &messageState)) seen = false;
+  if (step) step->keep();
+
+  writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
+  writeName(pmo.resolvedQMgrName, QM_NAME_LENGTH, name_);
+  pmo.knownDestCount = 1;
+  if (messageState == MessageState::kAvailable) notify(h.queueName);
+}
+
+// The add of a put, for the definition the store saw (`seen`) or read
+// again; false when the store found it changed, having done nothing.
+bool QueueManager::addMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &md,
+                              const vxPUTOPTS &pmo, const char *data, int32_t length, bool seen,
+                              MessageState *state) {
+  const QueueDefinition queue = handleDefinition(h, seen);
+  // A refusal stands on the definition as it is now, not as it was seen.
+  const bool refused = queue.inhibitPut == INHIBIT_INHIBITED || length > queue.maxMsgLength;
+  if (refused && seen) return false;
   if (queue.inhibitPut == INHIBIT_INHIBITED) fail(RC_PUT_INHIBITED);
   if (length > queue.maxMsgLength) fail(RC_MSG_TOO_BIG_FOR_Q);
   const Clock::time_point now = Clock::now();
@@ -611,7 +636,7 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
   if (h.queue->delayMilliseconds > 0) {
     message.visibleFrom = now + std::chrono::milliseconds(h.queue->delayMilliseconds);
   }
-  MessageState messageState = MessageState::kAvailable;
+  MessageState &messageState = *state;
   uint64_t unit = 0;
   if ((pmo.options & PUT_SYNCPOINT) != 0) {
     unit = unitOf(c);
@@ -629,17 +654,12 @@ void QueueManager::putMessage(Connection &c, const ObjectHandle &h, vxMSGDESC &m
                                     : Durability::kVolatile;
   char msgId[MSG_ID_LENGTH];
   std::memcpy(msgId, message.descriptor.msgId, MSG_ID_LENGTH);
-  if (!store_->addMessageWithin(h.queueName, std::move(message), durability, messageState, unit,
-                                queue.maxDepth, now)) {
-    fail(RC_Q_FULL);
-  }
+  const Added added = store_->addChecked(h.queueName, queue, std::move(message), durability,
+                                         messageState, unit, now);
+  if (added.changed) return false;
+  if (!added.key) fail(RC_Q_FULL);
   std::memcpy(md.msgId, msgId, MSG_ID_LENGTH);
-  step.keep();
-
-  writeName(pmo.resolvedQName, Q_NAME_LENGTH, h.queueName);
-  writeName(pmo.resolvedQMgrName, QM_NAME_LENGTH, name_);
-  pmo.knownDestCount = 1;
-  if (messageState == MessageState::kAvailable) notify(h.queueName);
+  return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -668,6 +688,7 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
 
   bool waited = false;
   bool ownersChecked = false;
+  bool seen = true;
   for (;;) {
     // Looked up again after every wake-up: a close or a disconnect ends the wait.
     Connection &c = connection(hconn);
@@ -676,16 +697,22 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     waited = false;
     // Noted before the look at the store: a put after the look changes it.
     const uint32_t wakeCount = waker_ ? waker_->count(h.queueName) : 0;
-    const QueueDefinition definitionNow = handleDefinition(h);
-    if (definitionNow.inhibitGet == INHIBIT_INHIBITED) fail(RC_GET_INHIBITED);
+    // A get that converts nothing discards the expired messages and takes
+    // its message in the same call of the store as it finds it (one round
+    // trip to a server), which checks the definition it saw; one that may
+    // convert learns the length only after the conversion.
+    const bool takeNow = !browse && (options & GET_CONVERT) == 0;
+    const bool fromSeen = takeNow && seen;
+    const QueueDefinition definitionNow = handleDefinition(h, fromSeen);
+    if (definitionNow.inhibitGet == INHIBIT_INHIBITED) {
+      // A refusal stands on the definition as it is now, not as it was seen.
+      if (!fromSeen) fail(RC_GET_INHIBITED);
+      seen = false;
+      continue;
+    }
     const Clock::time_point now = Clock::now();
     selection.after.reset();
     if ((options & GET_BROWSE_NEXT) != 0) selection.after = h.browseCursor;
-    // A get that converts nothing discards the expired messages and takes
-    // its message in the same call of the store as it finds it (one round
-    // trip to a server); one that may convert learns the length only after
-    // the conversion.
-    const bool takeNow = !browse && (options & GET_CONVERT) == 0;
     if (!takeNow) store_->discardExpired(h.queueName, now);
     const bool syncpoint = (options & GET_SYNCPOINT) != 0;
     const bool newUnit = takeNow && syncpoint && c.unit == 0;
@@ -693,9 +720,13 @@ GetResult QueueManager::get(int32_t hconn, int32_t hobj, vxMSGDESC &md, vxGETOPT
     const size_t longest = (options & GET_ACCEPT_TRUNCATED_MSG) != 0
                                ? SIZE_MAX
                                : static_cast<size_t>(std::max(bufferLength, 0));
-    const Found found = takeNow ? store_->takeMessage(h.queueName, selection, now, unit, longest)
-                                : store_->findMessage(h.queueName, selection, now);
+    const Found found =
+        takeNow ? store_->takeChecked(h.queueName, definitionNow, selection, now, unit, longest)
+                : store_->findMessage(h.queueName, selection, now);
     if (newUnit && !found.taken) c.unit = 0;
+    // Changed since the store saw it: read again, and nothing was done.
+    seen = !found.changed;
+    if (found.changed) continue;
     if (found.message == nullptr) {
       if (!wait || now >= deadline) fail(RC_NO_MSG_AVAILABLE);
       if (!ownersChecked) {

@@ -166,7 +166,7 @@ class QueueManager {
   QueueDefinition definition(const std::string &queue) const;
   // The definition of the queue an open handle names: RC_Q_DELETED when it
   // was deleted since the open.
-  QueueDefinition handleDefinition(const ObjectHandle &handle) const;
+  QueueDefinition handleDefinition(const ObjectHandle &handle, bool seen = false) const;
   // The run-time state of an existing queue, made on first use for a queue
   // that another process sharing the store defined.
   QueueState &state(const std::string &queue);
@@ -189,6 +189,9 @@ class QueueManager {
   void closeObject(Connection &connection, int32_t hobj, int32_t options);
   void putMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md, vxPUTOPTS &pmo,
                   const char *data, int32_t length);
+  bool addMessage(Connection &connection, const ObjectHandle &handle, vxMSGDESC &md,
+                  const vxPUTOPTS &pmo, const char *data, int32_t length, bool seen,
+                  MessageState *state);
   void deleteQueueObject(const std::string &name);
   // The connection's unit of work, begun when there is none; RC_CONNECTION_BROKEN
   // when it was begun in a session of the store that was lost.

@@ -89,7 +89,15 @@ struct Found {
   const Message *message = nullptr;
   MessageKey key;
   Clock::time_point nextVisible = Clock::time_point::max();
-  bool taken = false;  // takeMessage took the message
+  bool taken = false;    // takeMessage took the message
+  bool changed = false;  // takeChecked: the definition is no longer the one seen
+};
+
+// What a put's checked add did: the message's key, none when the queue was
+// full, or that the definition is no longer the one seen.
+struct Added {
+  std::optional<MessageKey> key;
+  bool changed = false;
 };
 
 // The open handles of a queue, of every owner.
@@ -124,6 +132,12 @@ class Store {
   virtual void saveQueue(const QueueDefinition &definition) = 0;
   virtual void deleteQueue(const std::string &name) = 0;
   virtual std::vector<std::string> queueNames() const = 0;
+  // The definition that a put or a get checks in its own statement (see
+  // addChecked, takeChecked): a store that checks it there may give the one
+  // it saw last, to spare a round trip; this one reads it.
+  virtual bool seenQueue(const std::string &name, QueueDefinition *definition) const {
+    return findQueue(name, definition);
+  }
 
   // Open handles, each with the options of its open, owned by this store.
   // addHandle returns a handle number that is never given again;
@@ -180,6 +194,27 @@ class Store {
       if (found.taken) return found;
     }
   }
+  // addMessageWithin for a queue defined as `seen`: a store that serves
+  // seenQueue from what it saw checks in the same statement that the
+  // definition is still `seen` (Added::changed, with nothing done, when it
+  // is not); this one adds.
+  virtual Added addChecked(const std::string &queue, const QueueDefinition &seen, Message message,
+                           Durability durability, MessageState state, uint64_t unit,
+                           Clock::time_point now) {
+    return {
+        addMessageWithin(queue, std::move(message), durability, state, unit, seen.maxDepth, now),
+        false};
+  }
+  // takeMessage from a queue defined as `seen`, checked as addChecked is
+  // (Found::changed).
+  virtual Found takeChecked(const std::string &queue, const QueueDefinition & /*seen*/,
+                            const Selection &selection, Clock::time_point now, uint64_t unit,
+                            size_t longest) {
+    return takeMessage(queue, selection, now, unit, longest);
+  }
+  // Whether addChecked is one statement, a transaction of its own: a put
+  // then needs no step around it.
+  virtual bool putIsOneStatement() const { return false; }
   // Removes the messages expired at `now` (not those got in a unit); returns
   // how many.
   virtual int32_t discardExpired(const std::string &queue, Clock::time_point now) = 0;

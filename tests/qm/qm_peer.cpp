@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "qm.h"
+#include "qm_admin.h"
 #include "vxqi_records.h"
 
 namespace {
@@ -161,6 +162,13 @@ int main(int argc, char **argv) {
     int32_t hobj = tryOpen(queue, std::atoi(argv[4]), &reason);
     std::printf("%" PRId32 "\n", reason);
     if (reason == RC_NONE) qmCLOSE(hconn, &hobj, CLOSE_NONE, &cc, &rc);
+  } else if (command == "inhibit" && argc >= 5) {
+    // Puts and gets inhibited (1) or allowed (0), as another host's change.
+    vxqm::QueueChanges changes;
+    changes.inhibitPut = std::atoi(argv[4]) != 0 ? INHIBIT_INHIBITED : INHIBIT_ALLOWED;
+    changes.inhibitGet = changes.inhibitPut;
+    const int32_t reason = vxqm::admin::changeQueue(argv[1], queue, changes);
+    if (reason != RC_NONE) failed("changeQueue", reason);
   } else if (command == "mixed" && argc >= 6) {
     const long count = std::atol(argv[4]);
     const int32_t hobj = openQueue(queue, OPEN_OUTPUT);

@@ -480,6 +480,26 @@ TEST_P(QmShared, NonPersistentMessagesMoveBetweenProcesses) {
   EXPECT_EQ(c.get(hobj, &data), failed(RC_NO_MSG_AVAILABLE));
 }
 
+TEST_P(QmShared, AnotherProcessInhibitingTakesEffectOnTheNextPutAndGet) {
+  createQueue("INHIBITED");
+  Connection c(kQm);
+  const int32_t hobj = c.open("INHIBITED", OPEN_OUTPUT | OPEN_INPUT_SHARED);
+  std::string data;
+  EXPECT_EQ(putPersistence(c, hobj, "before", PERSISTENCE_PERSISTENT), ok());
+  EXPECT_EQ(putPersistence(c, hobj, "kept", PERSISTENCE_PERSISTENT), ok());
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "before");
+  EXPECT_EQ(Peer({"inhibit", "INHIBITED", "1"}).wait(), 0);
+  EXPECT_EQ(putPersistence(c, hobj, "after", PERSISTENCE_PERSISTENT), failed(RC_PUT_INHIBITED));
+  EXPECT_EQ(c.get(hobj, &data), failed(RC_GET_INHIBITED));
+  EXPECT_EQ(Peer({"inhibit", "INHIBITED", "0"}).wait(), 0);
+  EXPECT_EQ(putPersistence(c, hobj, "allowed", PERSISTENCE_PERSISTENT), ok());
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "kept");
+  EXPECT_EQ(c.get(hobj, &data), ok());
+  EXPECT_EQ(data, "allowed");
+}
+
 TEST_P(QmShared, AUnitIsInvisibleToAnotherProcessUntilCommitted) {
   createQueue("SYNC");
   Connection c(kQm);

@@ -1507,6 +1507,47 @@ Names notifications(pg::Connection &listener, size_t count, milliseconds within 
   return payloads;
 }
 
+TEST_F(SharedPostgresStore, ACheckedPutOrTakeFindsADefinitionThatAnotherChanged) {
+  auto one = open();
+  auto other = open();
+  one->createQueue(queue("Q"), 0);
+  QueueDefinition seen;
+  ASSERT_TRUE(one->seenQueue("Q", &seen));
+  Added added = one->addChecked("Q", seen, message(0, "a"), kDurable, kAvailable, 0, now);
+  ASSERT_TRUE(added.key);
+  EXPECT_FALSE(added.changed);
+
+  QueueDefinition inhibited = seen;
+  inhibited.inhibitPut = INHIBIT_INHIBITED;
+  inhibited.inhibitGet = INHIBIT_INHIBITED;
+  other->saveQueue(inhibited);
+  added = one->addChecked("Q", seen, message(0, "b"), kDurable, kAvailable, 0, now);
+  EXPECT_TRUE(added.changed);
+  EXPECT_FALSE(added.key);
+  Found found = one->takeChecked("Q", seen, {}, now, 0, 100);
+  EXPECT_TRUE(found.changed);
+  EXPECT_EQ(found.message, nullptr);
+  EXPECT_EQ(one->depth("Q"), 1) << "a changed definition left everything as it was";
+  QueueDefinition fresh;
+  ASSERT_TRUE(one->seenQueue("Q", &fresh));
+  EXPECT_EQ(fresh.inhibitPut, INHIBIT_INHIBITED) << "a change found is read again";
+
+  QueueDefinition full = seen;
+  full.maxDepth = 1;
+  other->saveQueue(full);
+  ASSERT_TRUE(one->findQueue("Q", &fresh));
+  added = one->addChecked("Q", fresh, message(0, "c"), kDurable, kAvailable, 0, now);
+  EXPECT_FALSE(added.changed);
+  EXPECT_FALSE(added.key) << "full";
+  found = one->takeChecked("Q", fresh, {}, now, 0, 100);
+  EXPECT_FALSE(found.changed);
+  EXPECT_TRUE(found.taken);
+
+  other->deleteQueue("Q");
+  EXPECT_TRUE(one->addChecked("Q", fresh, message(0, "d"), kDurable, kAvailable, 0, now).changed);
+  EXPECT_FALSE(one->seenQueue("Q", nullptr));
+}
+
 TEST_F(SharedPostgresStore, MessagesThatBecomeAvailableAreNotifiedOncePerQueue) {
   auto store = open();
   store->createQueue(queue("R"), 0);
