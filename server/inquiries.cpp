@@ -2,6 +2,7 @@
 // inquiries, whose replies carry the attributes the table of queue
 // attributes lists, in its order.
 #include "qm_admin.h"
+#include "queue_fields.h"
 #include "server_parts.h"
 
 namespace vxcs {
@@ -13,54 +14,8 @@ struct QueueFacts {
   vxqm::QueueStatus status;
 };
 
-// Where the administration interface holds each attribute the inquiries
-// report beside the name: a field of the queue's definition or of its
-// status.  Which inquiry reports it, its type and its length are the table
-// of queue attributes'.
-struct FactField {
-  int32_t selector;
-  int32_t vxqm::QueueDefinition::*integer = nullptr;
-  std::string vxqm::QueueDefinition::*text = nullptr;
-  int32_t vxqm::QueueStatus::*status = nullptr;
-};
-
-constexpr FactField kFactFields[] = {
-    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueDefinition::queueType},
-    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueDefinition::description},
-    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueDefinition::defaultPersistence},
-    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueDefinition::defaultPriority},
-    {.selector = ATTR_DEFINITION_TYPE, .integer = &vxqm::QueueDefinition::definitionType},
-    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueDefinition::inhibitGet},
-    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueDefinition::inhibitPut},
-    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueDefinition::maxMsgLength},
-    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueDefinition::maxDepth},
-    {.selector = ATTR_CURRENT_DEPTH, .status = &vxqm::QueueStatus::depth},
-    {.selector = ATTR_OPEN_INPUT_COUNT, .status = &vxqm::QueueStatus::openInputCount},
-    {.selector = ATTR_OPEN_OUTPUT_COUNT, .status = &vxqm::QueueStatus::openOutputCount},
-};
-
-constexpr const FactField *factField(int32_t selector) {
-  for (const FactField &field : kFactFields)
-    if (field.selector == selector) return &field;
-  return nullptr;
-}
-
-// The status inquiry reads only the queue's status: what it reports must
-// be there, and what the other reports beside must be in the definition.
-constexpr bool everyAttributeHasItsField() {
-  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
-    if (attribute.shown == vxqi::Shown::Always) continue;
-    const FactField *field = factField(attribute.selector);
-    if (!field || (attribute.shown == vxqi::Shown::InStatus) != (field->status != nullptr))
-      return false;
-  }
-  return true;
-}
-static_assert(everyAttributeHasItsField(),
-              "every attribute the inquiries report has its field in the definition or status");
-
 void addAttribute(Reply &reply, const vxqi::QueueAttribute &attribute, const QueueFacts &facts) {
-  const FactField &field = *factField(attribute.selector);
+  const vxqm::QueueField &field = *vxqm::queueField(attribute.selector);
   if (field.text)
     reply.addField(attribute.selector, facts.definition.*field.text,
                    static_cast<size_t>(attribute.length));

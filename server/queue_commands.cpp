@@ -2,6 +2,7 @@
 // and clear queue, carried out through the queue manager's administration
 // interface.
 #include "qm_admin.h"
+#include "queue_fields.h"
 #include "server_parts.h"
 
 namespace vxcs {
@@ -19,51 +20,12 @@ constexpr char kSystemPrefix[] = "SYSTEM.";
 // for its reply.
 constexpr int32_t kSmallestCommandMsgLength = 4096;
 
-// Where the changes of create, change and copy hold each attribute that
-// commands set.  Which attributes those are, and the values each takes, are
-// the table of queue attributes'.
-struct ChangeField {
-  int32_t selector;
-  std::optional<int32_t> vxqm::QueueChanges::*integer = nullptr;
-  std::optional<std::string> vxqm::QueueChanges::*text = nullptr;
-};
-
-constexpr ChangeField kChangeFields[] = {
-    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueChanges::queueType},
-    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueChanges::description},
-    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueChanges::defaultPersistence},
-    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueChanges::defaultPriority},
-    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueChanges::inhibitGet},
-    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueChanges::inhibitPut},
-    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueChanges::maxMsgLength},
-    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueChanges::maxDepth},
-};
-
-constexpr bool isSetByCommands(const vxqi::QueueAttribute &attribute) {
-  return attribute.setting == vxqi::Setting::OnCreate ||
-         attribute.setting == vxqi::Setting::OnCreateAndChange;
-}
-
-constexpr const ChangeField *changeField(int32_t selector) {
-  for (const ChangeField &field : kChangeFields)
-    if (field.selector == selector) return &field;
-  return nullptr;
-}
-
-constexpr bool everySetAttributeHasItsField() {
-  for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes())
-    if (isSetByCommands(attribute) != (changeField(attribute.selector) != nullptr)) return false;
-  return true;
-}
-static_assert(everySetAttributeHasItsField(),
-              "every attribute that commands set, and only those, has its field in the changes");
-
 // The attributes that create, change and copy set, from their parameters,
 // in the order of the table: the first value it refuses is the one named.
 vxqm::QueueChanges queueChanges(const Parameters &parameters) {
   vxqm::QueueChanges changes;
   for (const vxqi::QueueAttribute &attribute : vxqi::queueAttributes()) {
-    const ChangeField *field = changeField(attribute.selector);
+    const vxqm::ChangeField *field = vxqm::changeField(attribute.selector);
     if (!field) continue;
     if (field->text)
       changes.*field->text = parameters.string(attribute);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <istream>
 
+#include "queue_fields.h"
 #include "render.h"
 #include "server.h"
 #include "vxnames.h"
@@ -119,31 +120,12 @@ void addQueueAttributes(const Invocation &invocation, Bag &request) {
   }
 }
 
-// Where the administration interface (--direct) takes each attribute that
-// commands set.
-struct ChangeField {
-  int32_t selector;
-  std::optional<int32_t> vxqm::QueueChanges::*integer = nullptr;
-  std::optional<std::string> vxqm::QueueChanges::*text = nullptr;
-};
-
-constexpr ChangeField kChangeFields[] = {
-    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueChanges::queueType},
-    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueChanges::description},
-    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueChanges::defaultPersistence},
-    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueChanges::defaultPriority},
-    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueChanges::inhibitGet},
-    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueChanges::inhibitPut},
-    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueChanges::maxMsgLength},
-    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueChanges::maxDepth},
-};
-
 // The attributes given as options, as the administration interface takes
 // them.
 vxqm::QueueChanges queueChanges(const Invocation &invocation) {
   const QueueAttributes &values = invocation.args.attributes;
   vxqm::QueueChanges changes;
-  for (const ChangeField &field : kChangeFields) {
+  for (const vxqm::ChangeField &field : vxqm::kChangeFields) {
     const QueueAttribute &attribute = *vxqi::findQueueAttribute(field.selector);
     if (!invocation.given(attribute.option)) continue;
     if (field.text)
@@ -161,44 +143,6 @@ Json attributeValue(const QueueAttribute &attribute, int32_t value) {
     if (named.value == value) return named.name;
   return value;
 }
-
-// Where the administration interface (--direct) keeps each attribute that
-// the inquiries report: the definition, or the status.
-struct ShownField {
-  int32_t selector;
-  int32_t vxqm::QueueDefinition::*integer = nullptr;
-  std::string vxqm::QueueDefinition::*text = nullptr;
-  int32_t vxqm::QueueStatus::*state = nullptr;
-};
-
-constexpr ShownField kShownFields[] = {
-    {.selector = ATTR_Q_NAME, .text = &vxqm::QueueDefinition::name},
-    {.selector = ATTR_Q_TYPE, .integer = &vxqm::QueueDefinition::queueType},
-    {.selector = ATTR_Q_DESC, .text = &vxqm::QueueDefinition::description},
-    {.selector = ATTR_DEF_PERSISTENCE, .integer = &vxqm::QueueDefinition::defaultPersistence},
-    {.selector = ATTR_DEF_PRIORITY, .integer = &vxqm::QueueDefinition::defaultPriority},
-    {.selector = ATTR_DEFINITION_TYPE, .integer = &vxqm::QueueDefinition::definitionType},
-    {.selector = ATTR_INHIBIT_GET, .integer = &vxqm::QueueDefinition::inhibitGet},
-    {.selector = ATTR_INHIBIT_PUT, .integer = &vxqm::QueueDefinition::inhibitPut},
-    {.selector = ATTR_MAX_MSG_LENGTH, .integer = &vxqm::QueueDefinition::maxMsgLength},
-    {.selector = ATTR_MAX_Q_DEPTH, .integer = &vxqm::QueueDefinition::maxDepth},
-    {.selector = ATTR_CURRENT_DEPTH, .state = &vxqm::QueueStatus::depth},
-    {.selector = ATTR_OPEN_INPUT_COUNT, .state = &vxqm::QueueStatus::openInputCount},
-    {.selector = ATTR_OPEN_OUTPUT_COUNT, .state = &vxqm::QueueStatus::openOutputCount},
-};
-
-constexpr const ShownField *shownField(int32_t selector) {
-  for (const ShownField &field : kShownFields)
-    if (field.selector == selector) return &field;
-  return nullptr;
-}
-
-constexpr bool everyAttributeHasItsField() {
-  for (const QueueAttribute &attribute : vxqi::queueAttributes())
-    if (!shownField(attribute.selector)) return false;
-  return true;
-}
-static_assert(everyAttributeHasItsField(), "--direct shows every attribute of the table");
 
 // Fails with the reason of an administration call (--direct).
 void checkDirect(const Session &session, const std::string &what, int32_t reason) {
@@ -335,13 +279,13 @@ Json directQueue(Session &session, const std::string &what, const std::string &n
   Json object;
   for (const QueueAttribute &attribute : vxqi::queueAttributes()) {
     if (!show && attribute.shown == vxqi::Shown::InShow) continue;
-    const ShownField &field = *shownField(attribute.selector);
+    const vxqm::QueueField &field = *vxqm::queueField(attribute.selector);
     if (field.text)
       object[attribute.key] = definition.*field.text;
     else if (field.integer)
       object[attribute.key] = attributeValue(attribute, definition.*field.integer);
     else
-      object[attribute.key] = status.*field.state;
+      object[attribute.key] = status.*field.status;
   }
   return object;
 }
