@@ -283,32 +283,6 @@ constexpr unsigned kAfterCursor = 4;
 constexpr unsigned kMatchVariants = 8;
 enum TakeInto : unsigned { kRemoving = 0, kIntoUnit = 1 };
 
-// Wall-clock milliseconds of a point of the monotonic clock: the database
-// outlives the process, whose monotonic clock means nothing to another.
-int64_t wallMilliseconds(Clock::time_point at) {
-  const auto fromNow = at - Clock::now();
-  const auto wall = std::chrono::system_clock::now() + fromNow;
-  return std::chrono::duration_cast<std::chrono::milliseconds>(wall.time_since_epoch()).count();
-}
-
-Clock::time_point monotonicPoint(int64_t wallMs) {
-  const auto wall = std::chrono::system_clock::time_point(std::chrono::milliseconds(wallMs));
-  return Clock::now() +
-         std::chrono::duration_cast<Clock::duration>(wall - std::chrono::system_clock::now());
-}
-
-// A token naming a store among the owners: host, pid, time and a counter,
-// unique across hosts that share the database.
-std::string newOwnerToken(const Owner &self) {
-  static std::atomic<uint32_t> counter{0};
-  const uint64_t now =
-      static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-  char text[64];
-  std::snprintf(text, sizeof text, "%08" PRIx32 "-%016" PRIx64 "-%" PRIu32,
-                static_cast<uint32_t>(self.pid), now, ++counter);
-  return self.host.substr(0, 32) + "-" + text;
-}
-
 // The conditions of a match, its parameters numbered from `first`: the
 // queue, the time, then the ids and the cursor that the variant has.
 std::string matchConditions(unsigned variant, int *next) {
@@ -1014,7 +988,8 @@ class PostgresStore final : public Store {
               error.message});
     }
     self_ = thisProcess();
-    owner_ = newOwnerToken(self_);
+    // The host too: the token is unique across the hosts that share the database.
+    owner_ = self_.host.substr(0, 32) + "-" + newOwnerToken(self_);
     self_.token = owner_;
     alive_.clear();
     notified_.clear();

@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +65,28 @@ bool processEnded(const Owner &owner) {
   static const bool canTell = startTime(static_cast<int32_t>(getpid())) >= 0;
   if (!canTell || owner.host.empty() || owner.host != host || owner.pid <= 0) return false;
   return startTime(owner.pid) != owner.startTime;
+}
+
+std::string newOwnerToken(const Owner &self) {
+  static std::atomic<uint32_t> counter{0};
+  const uint64_t now =
+      static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+  char text[48];
+  std::snprintf(text, sizeof text, "%08" PRIx32 "-%016" PRIx64 "-%" PRIu32,
+                static_cast<uint32_t>(self.pid), now, ++counter);
+  return text;
+}
+
+int64_t wallMilliseconds(Clock::time_point at) {
+  const auto fromNow = at - Clock::now();
+  const auto wall = std::chrono::system_clock::now() + fromNow;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(wall.time_since_epoch()).count();
+}
+
+Clock::time_point monotonicPoint(int64_t wallMs) {
+  const auto wall = std::chrono::system_clock::time_point(std::chrono::milliseconds(wallMs));
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(wall - std::chrono::system_clock::now());
 }
 
 }  // namespace vxqm

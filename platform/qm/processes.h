@@ -18,6 +18,16 @@ Owner thisProcess();
 // of an unknown one, cannot be checked from here and is not called ended.
 bool processEnded(const Owner &owner);
 
+// A new token naming a store among the owners of a shared store: its pid,
+// the time in nanoseconds and a counter.  It may name a file.
+std::string newOwnerToken(const Owner &self);
+
+// Times that other processes read: the wall clock in milliseconds, for a
+// point of this process's monotonic clock (which means nothing to another
+// process), and back.
+int64_t wallMilliseconds(Clock::time_point at);
+Clock::time_point monotonicPoint(int64_t wallMs);
+
 }  // namespace vxqm
 
 #endif  // VX_QM_PROCESSES_H

@@ -362,31 +362,6 @@ struct Statement {
   const Reporter *reporter;
 };
 
-// Wall-clock milliseconds of a point of the monotonic clock: the database
-// outlives the process, whose monotonic clock means nothing to another.
-int64_t wallMilliseconds(Clock::time_point at) {
-  const auto fromNow = at - Clock::now();
-  const auto wall = std::chrono::system_clock::now() + fromNow;
-  return std::chrono::duration_cast<std::chrono::milliseconds>(wall.time_since_epoch()).count();
-}
-
-Clock::time_point monotonicPoint(int64_t wallMs) {
-  const auto wall = std::chrono::system_clock::time_point(std::chrono::milliseconds(wallMs));
-  return Clock::now() +
-         std::chrono::duration_cast<Clock::duration>(wall - std::chrono::system_clock::now());
-}
-
-// A token naming this store among the owners of the databases.
-std::string newOwnerToken(const Owner &self) {
-  static std::atomic<uint32_t> counter{0};
-  const uint64_t now =
-      static_cast<uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-  char text[48];
-  std::snprintf(text, sizeof text, "%08" PRIx32 "-%016" PRIx64 "-%" PRIu32,
-                static_cast<uint32_t>(self.pid), now, ++counter);
-  return text;
-}
-
 std::string partText(const char *text, Part part) {
   std::string sql = text;
   for (size_t at = sql.find("{t}"); at != std::string::npos; at = sql.find("{t}", at)) {
