@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "put_then_get.h"
 #include "qm.h"
 #include "qm_admin.h"
 #include "vxqi_records.h"
@@ -107,43 +108,8 @@ PerMessage plainStatements(PGconn *connection, const std::string &schema, bool l
 // `count` puts, then `count` gets, through the queue manager `qmName` (its
 // store named by VXQM_DATA).
 PerMessage throughQueueManager(const std::string &qmName, int32_t persistence, long count) {
-  vxqm::QueueChanges changes;
-  changes.maxDepth = static_cast<int32_t>(count);
-  check(vxqm::admin::createQueue(qmName, "BENCH", changes) == RC_NONE, "create queue");
-  char name[QM_NAME_LENGTH] = {};
-  std::memcpy(name, qmName.data(), qmName.size());
-  int32_t hconn = 0, cc = 0, rc = 0;
-  qmCONN(name, &hconn, &cc, &rc, 0);
-  check(cc == CC_OK, "connect");
-  vxOBJDESC od = OD_DEFAULT;
-  std::memcpy(od.objectName, "BENCH", 5);
-  int32_t hobj = 0;
-  qmOPEN(hconn, &od, OPEN_OUTPUT | OPEN_INPUT_SHARED, &hobj, &cc, &rc);
-  check(cc == CC_OK, "open");
-  std::vector<char> data(kMessageLength, 'x');
-
-  const Clock::time_point putStart = Clock::now();
-  for (long i = 0; i < count; ++i) {
-    vxMSGDESC md = MD_DEFAULT;
-    md.persistence = persistence;
-    vxPUTOPTS pmo = PMO_DEFAULT;
-    qmPUT(hconn, hobj, &md, &pmo, kMessageLength, data.data(), 0, &cc, &rc);
-    check(cc == CC_OK, "put");
-  }
-  const Clock::duration putTime = Clock::now() - putStart;
-
-  const Clock::time_point getStart = Clock::now();
-  for (long i = 0; i < count; ++i) {
-    vxMSGDESC md = MD_DEFAULT;
-    vxGETOPTS gmo = GMO_DEFAULT;
-    int32_t length = 0;
-    qmGET(hconn, hobj, &md, &gmo, kMessageLength, data.data(), &length, 0, &cc, &rc);
-    check(cc == CC_OK, "get");
-  }
-  const Clock::duration getTime = Clock::now() - getStart;
-  qmCLOSE(hconn, &hobj, 0, &cc, &rc);
-  qmDISC(&hconn, 0, &cc, &rc);
-  return {microseconds(putTime, count), microseconds(getTime, count)};
+  const bench::PutThenGet times = bench::putThenGet(qmName, persistence, count, kMessageLength);
+  return {microseconds(times.put, count), microseconds(times.get, count)};
 }
 
 void row(const char *what, const PerMessage &m) {

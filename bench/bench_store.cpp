@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "put_then_get.h"
 #include "qm.h"
 #include "qm_admin.h"
 #include "vxqi_records.h"
@@ -46,42 +47,9 @@ struct Rates {
 // Puts then gets `count` persistent messages through the queue manager
 // `qmName`, created in this process with the environment as it is.
 Rates throughQueueManager(const char *qmName, int count) {
-  vxqm::QueueChanges changes;
-  changes.maxDepth = count;
-  check(vxqm::admin::createQueue(qmName, "BENCH", changes) == RC_NONE, "create queue");
-  char name[QM_NAME_LENGTH] = {};
-  std::memcpy(name, qmName, std::strlen(qmName));
-  int32_t hconn = 0, cc = 0, rc = 0;
-  qmCONN(name, &hconn, &cc, &rc, 0);
-  check(cc == CC_OK, "connect");
-  vxOBJDESC od = OD_DEFAULT;
-  std::memcpy(od.objectName, "BENCH", 5);
-  int32_t hobj = 0;
-  qmOPEN(hconn, &od, OPEN_OUTPUT | OPEN_INPUT_SHARED, &hobj, &cc, &rc);
-  check(cc == CC_OK, "open");
-  std::vector<char> data(kMessageLength, 'x');
-
-  const Clock::time_point putStart = Clock::now();
-  for (int i = 0; i < count; ++i) {
-    vxMSGDESC md = MD_DEFAULT;
-    md.persistence = PERSISTENCE_PERSISTENT;
-    vxPUTOPTS pmo = PMO_DEFAULT;
-    qmPUT(hconn, hobj, &md, &pmo, kMessageLength, data.data(), 0, &cc, &rc);
-    check(cc == CC_OK, "put");
-  }
-  const Clock::duration putTime = Clock::now() - putStart;
-
-  const Clock::time_point getStart = Clock::now();
-  for (int i = 0; i < count; ++i) {
-    vxMSGDESC md = MD_DEFAULT;
-    vxGETOPTS gmo = GMO_DEFAULT;
-    int32_t length = 0;
-    qmGET(hconn, hobj, &md, &gmo, kMessageLength, data.data(), &length, 0, &cc, &rc);
-    check(cc == CC_OK, "get");
-  }
-  const Clock::duration getTime = Clock::now() - getStart;
-  qmDISC(&hconn, 0, &cc, &rc);
-  return {count / seconds(putTime), count / seconds(getTime)};
+  const bench::PutThenGet times =
+      bench::putThenGet(qmName, PERSISTENCE_PERSISTENT, count, kMessageLength);
+  return {count / seconds(times.put), count / seconds(times.get)};
 }
 
 // Puts `count` persistent messages from `threads` threads at once, each on
