@@ -131,6 +131,8 @@ int main(int argc, char **argv) {
 
   PGconn *connection = PQconnectdb(uri.c_str());
   check(PQstatus(connection) == CONNECTION_OK, "connecting to the server");
+  // The drops at the end tell of every table they take with them.
+  run(connection, "SET client_min_messages = warning");
   run(connection, "CREATE SCHEMA " + schema);
   const PerMessage plainLogged = plainStatements(connection, schema, true, count);
   run(connection, "DROP TABLE " + schema + ".messages");
