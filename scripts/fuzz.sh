@@ -54,7 +54,8 @@ build=$(cd "$build" && pwd)
 
 common="-D_FILE_OFFSET_BITS=64 -std=c++20 -g -O1 -fno-omit-frame-pointer -Wall -Wextra -Werror -pthread
   -fsanitize=address,undefined -fno-sanitize-recover=undefined
-  -Ilib/vxai -Ilib/vxi -Iplatform/qi -Iplatform/svc -Iplatform/qm -Iserver -Itools/names"
+  -Ilib/vxai -Ilib/vxi -Iplatform/qi -Iplatform/svc -Iplatform/qm -Iserver -Itools/names
+  -I$(pg_config --includedir)"
 
 object_of() {
   echo "$build/obj/$(basename "$(dirname "$1")")_$(basename "$1" .cpp).o"
@@ -125,13 +126,13 @@ link() {  # target, extra objects
   name=$1
   shift
   clang++ -pthread -fsanitize=fuzzer,address,undefined $base "$@" "$build/obj/$name.o" \
-    -lsqlite3 -o "$build/$name"
+    -lsqlite3 -lpq -o "$build/$name"
 }
 
 if [ "$mode" = seeds ]; then
   finish
   clang++ $common -c tests/fuzz/make_seeds.cpp -o "$build/obj/make_seeds.o"
-  clang++ -pthread -fsanitize=address,undefined $base "$build/obj/make_seeds.o" -lsqlite3 \
+  clang++ -pthread -fsanitize=address,undefined $base "$build/obj/make_seeds.o" -lsqlite3 -lpq \
     -o "$build/make_seeds"
   "$build/make_seeds" tests/fuzz
   exit 0

@@ -128,10 +128,6 @@ INSERT INTO schema_version VALUES (1);
 constexpr const char *kEmptyVolatile =
     "TRUNCATE volatile_messages, temporary_queues, volatile_depths, handles, owners";
 
-constexpr const char *kQueueColumns =
-    "queue_type, definition_type, description, persistence, priority, inhibit_get, inhibit_put,"
-    " max_length, max_depth";
-
 // Whether an owner's lock is held, in SQL over a token column `t`: the
 // advisory locks of pg_locks show their two keys as unsigned numbers.
 #define VX_LOCK_HELD(t)                                                                \
