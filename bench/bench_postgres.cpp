@@ -4,13 +4,17 @@
 // beside the limit the server itself sets: a plain INSERT of the same row,
 // each its own transaction, into a table of the same shape (logged for a
 // persistent message, UNLOGGED for one that is not), and a plain DELETE …
-// RETURNING of each row by its key.
-// Usage: bench_postgres URI [messages]   (default 5000).  Everything goes in
-// schemas named after the run, dropped at the end.
+// RETURNING of each row by its key.  The four are measured in turn, round
+// after round, so that a slow spell of the disk's syncs falls on all of
+// them; the medians of the rounds are compared.
+// Usage: bench_postgres URI [messages] [rounds]   (default 2000 messages a
+// round, 5 rounds).  Everything goes in schemas named after the run and
+// the round, dropped at the end.
 #include <libpq-fe.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -112,56 +116,88 @@ PerMessage throughQueueManager(const std::string &qmName, int32_t persistence, l
   return {microseconds(times.put, count), microseconds(times.get, count)};
 }
 
-void row(const char *what, const PerMessage &m) {
-  std::printf("  %-46s %9.1f %9.1f\n", what, m.put, m.get);
+// The rounds of one way of putting and getting.
+struct Rounds {
+  std::vector<double> put, get;
+  void add(const PerMessage &m) {
+    put.push_back(m.put);
+    get.push_back(m.get);
+  }
+};
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+void row(const char *what, const Rounds &r) {
+  const auto [putLow, putHigh] = std::minmax_element(r.put.begin(), r.put.end());
+  const auto [getLow, getHigh] = std::minmax_element(r.get.begin(), r.get.end());
+  std::printf("  %-46s %7.1f (%5.0f-%5.0f) %7.1f (%5.0f-%5.0f)\n", what, median(r.put), *putLow,
+              *putHigh, median(r.get), *getLow, *getHigh);
+}
+
+// The ratio of the medians, and the range of the rounds' own ratios.
+void ratio(const char *what, const std::vector<double> &store, const std::vector<double> &plain) {
+  std::vector<double> each;
+  for (size_t i = 0; i < store.size(); ++i) each.push_back(store[i] / plain[i]);
+  const auto [low, high] = std::minmax_element(each.begin(), each.end());
+  std::printf("  %-34s %.2fx (rounds %.2fx-%.2fx)\n", what, median(store) / median(plain), *low,
+              *high);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2 || argc > 3) {
-    std::fprintf(stderr, "usage: bench_postgres URI [messages]\n");
+  if (argc < 2 || argc > 4) {
+    std::fprintf(stderr, "usage: bench_postgres URI [messages] [rounds]\n");
     return 2;
   }
   const std::string uri = argv[1];
-  const long count = argc > 2 ? std::atol(argv[2]) : 5000;
+  const long count = argc > 2 ? std::atol(argv[2]) : 2000;
+  const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
   check(count > 0, "the count of messages");
+  check(rounds > 0, "the count of rounds");
   const std::string tag = std::to_string(getpid());
-  const std::string schema = "bench_plain_" + tag;
 
   PGconn *connection = PQconnectdb(uri.c_str());
   check(PQstatus(connection) == CONNECTION_OK, "connecting to the server");
   // The drops at the end tell of every table they take with them.
   run(connection, "SET client_min_messages = warning");
-  run(connection, "CREATE SCHEMA " + schema);
-  const PerMessage plainLogged = plainStatements(connection, schema, true, count);
-  run(connection, "DROP TABLE " + schema + ".messages");
-  const PerMessage plainUnlogged = plainStatements(connection, schema, false, count);
-
   setenv("VXQM_DATA", uri.c_str(), 1);
-  const std::string persistentQm = "BENCH.P." + tag, volatileQm = "BENCH.NP." + tag;
-  const PerMessage persistent = throughQueueManager(persistentQm, PERSISTENCE_PERSISTENT, count);
-  const PerMessage nonPersistent =
-      throughQueueManager(volatileQm, PERSISTENCE_NOT_PERSISTENT, count);
-
-  run(connection, "DROP SCHEMA " + schema + " CASCADE");
-  for (const std::string &qm : {persistentQm, volatileQm}) {
-    char *quoted = PQescapeIdentifier(connection, qm.c_str(), qm.size());
+  Rounds plainLogged, plainUnlogged, persistent, nonPersistent;
+  std::vector<std::string> schemas;
+  for (int round = 1; round <= rounds; ++round) {
+    const std::string suffix = tag + "." + std::to_string(round);
+    const std::string schema = "bench_plain_" + tag + "_" + std::to_string(round);
+    run(connection, "CREATE SCHEMA " + schema);
+    plainLogged.add(plainStatements(connection, schema, true, count));
+    run(connection, "DROP TABLE " + schema + ".messages");
+    persistent.add(throughQueueManager("BENCH.P." + suffix, PERSISTENCE_PERSISTENT, count));
+    plainUnlogged.add(plainStatements(connection, schema, false, count));
+    nonPersistent.add(throughQueueManager("BENCH.NP." + suffix, PERSISTENCE_NOT_PERSISTENT, count));
+    schemas.insert(schemas.end(), {schema, "BENCH.P." + suffix, "BENCH.NP." + suffix});
+  }
+  for (const std::string &schema : schemas) {
+    char *quoted = PQescapeIdentifier(connection, schema.c_str(), schema.size());
     run(connection, std::string("DROP SCHEMA IF EXISTS ") + quoted + " CASCADE");
     PQfreemem(quoted);
   }
   PQfinish(connection);
 
-  std::printf("%ld messages of %d bytes, one process, microseconds per message\n", count,
-              kMessageLength);
-  std::printf("  %-46s %9s %9s\n", "", "put", "get");
+  std::printf("%ld messages of %d bytes a round, %d rounds, one process,\n", count, kMessageLength,
+              rounds);
+  std::printf("microseconds per message, median (lowest-highest round)\n");
+  std::printf("  %-46s %21s %21s\n", "", "put", "get");
   row("queue manager, persistent", persistent);
   row("plain INSERT / DELETE ... RETURNING, logged", plainLogged);
   row("queue manager, non-persistent", nonPersistent);
   row("plain INSERT / DELETE ... RETURNING, unlogged", plainUnlogged);
-  std::printf("  persistent put: %.2fx a plain insert; get: %.2fx a plain delete (targets: 2x)\n",
-              persistent.put / plainLogged.put, persistent.get / plainLogged.get);
-  std::printf("  non-persistent put: %.2fx a plain insert; get: %.2fx a plain delete\n",
-              nonPersistent.put / plainUnlogged.put, nonPersistent.get / plainUnlogged.get);
+  std::printf("the queue manager beside the plain statements (targets: 2x, persistent):\n");
+  ratio("persistent put / logged insert", persistent.put, plainLogged.put);
+  ratio("persistent get / logged delete", persistent.get, plainLogged.get);
+  ratio("non-persistent put / unlogged insert", nonPersistent.put, plainUnlogged.put);
+  ratio("non-persistent get / unlogged delete", nonPersistent.get, plainUnlogged.get);
   return 0;
 }

@@ -8,9 +8,11 @@
 // - UNLOGGED tables hold what does not: messages that are not durable,
 //   temporary dynamic queues, open handles and their owners.  A crash of
 //   the server empties them, as a restart of the machine empties the SQLite
-//   store's companion.  The messages, queues and depths are each one table
+//   store's companion.  The messages and the queues are each one table
 //   partitioned by durability, a logged partition and an unlogged one, so
-//   that one statement reads or takes across both in delivery order.
+//   that one statement reads or takes across both in delivery order.  The
+//   depths are counters in an unlogged table, counted again from the
+//   messages when a crash emptied it.
 //
 // Like every store it is guarded by its queue manager's mutex: one
 // connection per store, used by one thread at a time.  A call that changes
@@ -54,19 +56,23 @@ namespace vxqm {
 namespace {
 
 constexpr int32_t kInputOptions = OPEN_INPUT_AS_Q_DEF | OPEN_INPUT_SHARED | OPEN_INPUT_EXCLUSIVE;
-constexpr int kSchemaVersion = 1;
+// Version 1 kept each queue's depth in one row per durability, which every
+// put and get locked; version 2 keeps counters that gets do not share with
+// puts (kDepths).
+constexpr int kSchemaVersion = 2;
+// The counters of removals of each queue: a session adds to the one its
+// server process picks, so that gets at once seldom wait for each other.
+#define VX_REMOVAL_SLOTS "8"
 // How often a transaction that lost a deadlock to another is tried again.
 constexpr int kTransactionTries = 3;
 
 enum Row : int { kAvailable = 0, kPutInUnit = 1, kGotInUnit = 2 };
 
-// The tables of a queue manager, made in its schema (the search path).  The
-// depth of each queue and durability is kept by triggers in the same
-// transaction as the change; its rows are locked by a put's depth check
-// (kAddMessageWithin, and depth() within a step), so that the maximum depth
-// holds across hosts.  A message's sequence comes from one logged sequence,
-// never given again, even after a crash of the server.
-constexpr const char *kSchema = R"sql(
+// The tables of a queue manager as the first version made them, in its
+// schema (the search path), less its depths, which kDepths makes.  A
+// message's sequence comes from one logged sequence, never given again,
+// even after a crash of the server.
+constexpr const char *kTables = R"sql(
 CREATE TABLE schema_version (version integer NOT NULL);
 CREATE TABLE queues (
   name text NOT NULL, temporary boolean NOT NULL, queue_type integer NOT NULL,
@@ -92,28 +98,6 @@ CREATE INDEX messages_correl_id ON messages (queue, correl_id);
 CREATE INDEX messages_expiry ON messages (queue, expires) WHERE expires IS NOT NULL;
 CREATE INDEX messages_visible ON messages (queue, visible) WHERE visible IS NOT NULL;
 CREATE INDEX messages_owner ON messages (owner, unit) WHERE owner IS NOT NULL;
-CREATE TABLE depths (
-  queue text NOT NULL, durable boolean NOT NULL, depth bigint NOT NULL,
-  PRIMARY KEY (queue, durable)) PARTITION BY LIST (durable);
-CREATE TABLE durable_depths PARTITION OF depths FOR VALUES IN (true);
-CREATE UNLOGGED TABLE volatile_depths PARTITION OF depths FOR VALUES IN (false);
-CREATE FUNCTION messages_added() RETURNS trigger LANGUAGE plpgsql SET search_path FROM CURRENT
-AS $$ BEGIN
-  INSERT INTO depths SELECT queue, durable, count(*) FROM added GROUP BY queue, durable
-    ON CONFLICT (queue, durable) DO UPDATE SET depth = depths.depth + excluded.depth;
-  RETURN NULL;
-END $$;
-CREATE FUNCTION messages_removed() RETURNS trigger LANGUAGE plpgsql SET search_path FROM CURRENT
-AS $$ BEGIN
-  UPDATE depths d SET depth = d.depth - r.count
-    FROM (SELECT queue, durable, count(*) FROM removed GROUP BY queue, durable) r
-    WHERE d.queue = r.queue AND d.durable = r.durable;
-  RETURN NULL;
-END $$;
-CREATE TRIGGER messages_added AFTER INSERT ON messages REFERENCING NEW TABLE AS added
-  FOR EACH STATEMENT EXECUTE FUNCTION messages_added();
-CREATE TRIGGER messages_removed AFTER DELETE ON messages REFERENCING OLD TABLE AS removed
-  FOR EACH STATEMENT EXECUTE FUNCTION messages_removed();
 CREATE SEQUENCE handle_sequence;
 CREATE UNLOGGED TABLE handles (
   id bigint PRIMARY KEY, queue text NOT NULL, owner text NOT NULL, options integer NOT NULL);
@@ -124,9 +108,64 @@ CREATE UNLOGGED TABLE owners (
 INSERT INTO schema_version VALUES (1);
 )sql";
 
-// The unlogged tables, emptied as a crash of the server empties them.
+// Each queue's depth, by counters: the depth is the sum of the queue's
+// rows, kept by every statement that adds or removes messages, in its own
+// transaction.  Slot 0 counts what was added and is the queue's lock for
+// puts: a put's depth check updates it (VX_HOLD_DEPTH), so that the maximum
+// depth holds across hosts.  Slots 1 to VX_REMOVAL_SLOTS count, negatively,
+// what was removed (VX_REMOVAL_SLOT), each by the sessions whose server
+// process picks it, so that a get waits neither for puts nor, mostly, for
+// other gets.  A queue has all its rows from its creation to its deletion.
+// The table is unlogged, so that a non-persistent put writes nothing to the
+// log; a crash of the server empties it, and kCountDepths counts the
+// messages again.  Replaces the first version's depths, which were one row
+// per queue and durability, kept by triggers.
+constexpr const char *kDepths = R"sql(
+DROP TABLE IF EXISTS depths CASCADE;
+DROP FUNCTION IF EXISTS messages_added() CASCADE;
+DROP FUNCTION IF EXISTS messages_removed() CASCADE;
+CREATE UNLOGGED TABLE depths (
+  queue text NOT NULL, slot smallint NOT NULL, depth bigint NOT NULL, PRIMARY KEY (queue, slot));
+UPDATE schema_version SET version = 2;
+)sql";
+
+// The slot in which this session counts what it removes.
+#define VX_REMOVAL_SLOT "1 + pg_backend_pid() % " VX_REMOVAL_SLOTS
+
+// A put's hold on its queue's depth, a CTE named `held` that has a row when
+// the message may be added: slot 0 is raised by one when its count, with
+// the removals as the statement sees them, is below `limit` and
+// `condition` holds.  A put of another session waits here for that one to
+// end, and then reads what it added.  A removal that ends meanwhile is
+// missed, which makes the queue look fuller, never emptier.  Expired
+// messages still count: a put that finds the queue full discards them and
+// tries again (addWithin).
+#define VX_HOLD_DEPTH(queue, limit, condition)                         \
+  " held AS (UPDATE depths SET depth = depth + 1 WHERE queue = " queue \
+  " AND slot = 0"                                                      \
+  " AND " condition                                                    \
+  " AND depth + (SELECT coalesce(sum(depth), 0) FROM depths"           \
+  " WHERE queue = " queue " AND slot > 0) < " limit " RETURNING 1)"
+
+// A CTE that counts `count` messages removed from `queue` in this
+// session's slot, when there are any.
+#define VX_COUNT_REMOVED_FROM(queue, count) \
+  VX_COUNT_REMOVED_SET count VX_COUNT_REMOVED_WHERE(queue) count " > 0)"
+#define VX_COUNT_REMOVED_SET " counted AS (UPDATE depths SET depth = depth - "
+#define VX_COUNT_REMOVED_WHERE(queue) " WHERE queue = " queue " AND slot = " VX_REMOVAL_SLOT " AND "
+
+// A CTE that counts the messages that `removed` (a CTE that returns their
+// queue) took away, of any queues, in this session's slot of each.
+#define VX_COUNT_REMOVED(removed)                                                  \
+  " counted AS (UPDATE depths d SET depth = d.depth - g.count FROM (SELECT queue," \
+  " count(*) FROM " removed                                                        \
+  " GROUP BY queue) g WHERE d.queue = g.queue"                                     \
+  " AND d.slot = " VX_REMOVAL_SLOT ")"
+
+// The unlogged tables, emptied as a crash of the server empties them (the
+// next session counts the depths again).
 constexpr const char *kEmptyVolatile =
-    "TRUNCATE volatile_messages, temporary_queues, volatile_depths, handles, owners";
+    "TRUNCATE volatile_messages, temporary_queues, depths, handles, owners";
 
 // Whether an owner's lock is held, in SQL over a token column `t`: the
 // advisory locks of pg_locks show their two keys as unsigned numbers.
@@ -147,7 +186,10 @@ const Statement kFindQueue{
     " inhibit_put, max_length, max_depth FROM queues WHERE name = $1 LIMIT 1"};
 const Statement kInsertQueue{
     "insert_queue",
-    "WITH d AS (INSERT INTO depths VALUES ($1, true, 0), ($1, false, 0) ON CONFLICT DO NOTHING)"
+    "WITH d AS (INSERT INTO depths SELECT $1, s, CASE WHEN s = 0 THEN (SELECT count(*)"
+    " FROM messages WHERE queue = $1) ELSE 0 END FROM generate_series(0, " VX_REMOVAL_SLOTS
+    ") s"
+    " ON CONFLICT (queue, slot) DO UPDATE SET depth = excluded.depth)"
     " INSERT INTO queues (name, temporary, queue_type, definition_type, description, persistence,"
     " priority, inhibit_get, inhibit_put, max_length, max_depth, creator)"
     " VALUES ($1, $11::bigint IS NOT NULL, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)"};
@@ -176,61 +218,62 @@ const Statement kOpenCounts{
     " FROM handles WHERE queue = $1"};
 const Statement kDepth{"depth",
                        "SELECT coalesce(sum(depth), 0)::bigint FROM depths WHERE queue = $1"};
-// Within a step: the depth rows stay locked until it ends, so that a put
-// that follows the check is the only one that may fill the last place.
-const Statement kLockedDepth{"locked_depth",
-                             "SELECT coalesce(sum(depth), 0)::bigint FROM"
-                             " (SELECT depth FROM depths WHERE queue = $1 FOR UPDATE) d"};
+// Within a step: the queue's slot 0 stays locked until it ends, so that a
+// put that follows the check is the only one that may fill the last place.
+const Statement kLockedDepth{
+    "locked_depth",
+    "SELECT (coalesce((SELECT depth FROM depths WHERE queue = $1 AND slot = 0 FOR UPDATE), 0)"
+    " + (SELECT coalesce(sum(depth), 0) FROM depths WHERE queue = $1 AND slot > 0))::bigint"};
+// The insert of a message of columns $1 to $12, for each row of `from`.
+#define VX_INSERT_MESSAGE(from)                                                                  \
+  " INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id," \
+  " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5," \
+  " $6, $7, $8, $9, $10, $11, $12 FROM " from
 const Statement kAddMessage{
     "add_message",
-    "INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
-    " expires, visible, descriptor, data) VALUES (nextval('message_sequence'), $1, $2, $3, $4,"
-    " $5, $6, $7, $8, $9, $10, $11, $12) RETURNING seq"};
-// A put's add with its depth check: the expired messages go, the depth rows
-// are locked (a put of another session waits here for this one to end, and
-// then reads its depth), and the message is added while the depth, less
-// the expired, is below $14.
+    "WITH added AS (" VX_INSERT_MESSAGE("(VALUES (1)) v") " RETURNING seq),"
+    " held AS (UPDATE depths SET depth = depth + 1 WHERE queue = $2 AND slot = 0)"
+    " SELECT seq FROM added"};
+// A put's add with its depth check: the message is added while the depth
+// is below $13.
 const Statement kAddMessageWithin{
     "add_message_within",
-    "WITH expired AS (DELETE FROM messages WHERE queue = $2 AND expires <= $13 AND state <> 2"
-    " RETURNING 1), held AS (SELECT coalesce(sum(depth), 0) AS depth FROM"
-    " (SELECT depth FROM depths WHERE queue = $2 FOR UPDATE) d)"
-    " INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
-    " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5,"
-    " $6, $7, $8, $9, $10, $11, $12 FROM held"
-    " WHERE held.depth - (SELECT count(*) FROM expired) < $14 RETURNING seq"};
+    "WITH" VX_HOLD_DEPTH("$2", "$13", "true") ", added AS (" VX_INSERT_MESSAGE(
+        "held") " RETURNING seq) SELECT seq FROM added"};
 // A put in one statement, its own transaction: kAddMessageWithin, done only
-// while the queue's definition is still the one the store saw ($15 to $19
-// and $14: what a put depends on), else a row of kind 2 and nothing done;
-// an available message notifies its queue (channel $20).  Kind 1: added.
+// while the queue's definition is still the one the store saw ($14 to $18
+// and $13: what a put depends on), else a row of kind 2 and nothing done;
+// an available message notifies its queue (channel $19).  Kind 1: added.
 const Statement kAddChecked{
     "add_checked",
-    "WITH ok AS (SELECT EXISTS (SELECT 1 FROM queues WHERE name = $2 AND definition_type = $15"
-    " AND persistence = $16 AND priority = $17 AND inhibit_put = $18 AND max_length = $19"
-    " AND max_depth = $14) AS ok), expired AS (DELETE FROM messages WHERE queue = $2"
-    " AND expires <= $13 AND state <> 2 AND (SELECT ok FROM ok) RETURNING 1),"
-    " held AS (SELECT coalesce(sum(depth), 0) AS depth FROM"
-    " (SELECT depth FROM depths WHERE queue = $2 FOR UPDATE) d), added AS ("
-    " INSERT INTO messages (seq, durable, queue, priority, state, owner, unit, msg_id, correl_id,"
-    " expires, visible, descriptor, data) SELECT nextval('message_sequence'), $1, $2, $3, $4, $5,"
-    " $6, $7, $8, $9, $10, $11, $12 FROM held WHERE (SELECT ok FROM ok)"
-    " AND held.depth - (SELECT count(*) FROM expired) < $14"
-    " RETURNING seq, CASE WHEN state = 0 THEN pg_notify($20, queue) END)"
+    "WITH ok AS (SELECT EXISTS (SELECT 1 FROM queues WHERE name = $2 AND definition_type = $14"
+    " AND persistence = $15 AND priority = $16 AND inhibit_put = $17 AND max_length = $18"
+    " AND max_depth = $13) AS ok)," VX_HOLD_DEPTH("$2", "$13", "(SELECT ok FROM ok)")
+    ", added AS (" VX_INSERT_MESSAGE("held")
+    " RETURNING seq, CASE WHEN state = 0 THEN pg_notify($19, queue) END)"
     " SELECT 1, seq FROM added UNION ALL SELECT 2, NULL FROM ok WHERE NOT ok.ok"};
 const Statement kRemoveMessage{"remove_message",
-                               "DELETE FROM messages WHERE seq = $1 AND state = 0"};
+                               "WITH gone AS (DELETE FROM messages WHERE seq = $1 AND state = 0 "
+                               "RETURNING queue)," VX_COUNT_REMOVED("gone") " SELECT 1 FROM gone"};
 const Statement kTakeInUnit{
     "take_in_unit",
     "UPDATE messages SET state = 2, owner = $2, unit = $3 WHERE seq = $1 AND state = 0"};
 const Statement kDiscardExpired{
-    "discard_expired", "DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2"};
-const Statement kClearQueue{"clear_queue", "DELETE FROM messages WHERE queue = $1"};
+    "discard_expired",
+    "WITH gone AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2"
+    " RETURNING 1)," VX_COUNT_REMOVED_FROM(
+        "$1", "(SELECT count(*) FROM gone)") " SELECT count(*) FROM gone"};
+const Statement kClearQueue{
+    "clear_queue",
+    "WITH gone AS (DELETE FROM messages WHERE queue = $1 RETURNING 1)," VX_COUNT_REMOVED_FROM(
+        "$1", "(SELECT count(*) FROM gone)") " SELECT count(*) FROM gone"};
 // A unit's end, one statement: the messages that leave (state $3) go, those
 // that stay (state $4) become available with their backout count raised by
 // $5, and the queues on which they did are notified (channel $6) and named.
 const Statement kEndUnit{
     "end_unit",
-    "WITH gone AS (DELETE FROM messages WHERE owner = $1 AND unit = $2 AND state = $3),"
+    "WITH gone AS (DELETE FROM messages WHERE owner = $1 AND unit = $2 AND state = $3"
+    " RETURNING queue)," VX_COUNT_REMOVED("gone") ","
     " kept AS (UPDATE messages SET state = 0, owner = NULL, unit = 0, backout = backout + $5"
     " WHERE owner = $1 AND unit = $2 AND state = $4 RETURNING queue)"
     " SELECT q.queue FROM (SELECT DISTINCT queue FROM kept) q,"
@@ -246,9 +289,10 @@ const Statement kOwnerUnlock{"owner_unlock",
                              "SELECT pg_advisory_unlock(hashtext($1), hashtext($2))"};
 const Statement kOwnerLock{"owner_lock", "SELECT pg_advisory_lock(hashtext($1), hashtext($2))"};
 const Statement kAddOwner{"add_owner", "INSERT INTO owners VALUES ($1, $2, $3, $4)"};
-// An owner that ended: its temporary queues go with everything on them, its
-// units' puts go, its gets come back one backout higher, its handles and
-// its row go.  Returns the queues on which messages became available.
+// An owner that ended: its temporary queues go with everything on them
+// (their depths too: what went from them is counted nowhere), its units'
+// puts go, its gets come back one backout higher, its handles and its row
+// go.  Returns the queues on which messages became available.
 const Statement kEndOwner{
     "end_owner",
     "WITH temporary AS (SELECT name FROM temporary_queues WHERE creator IN"
@@ -256,20 +300,30 @@ const Statement kEndOwner{
     " q AS (DELETE FROM queues WHERE temporary AND name IN (SELECT name FROM temporary)),"
     " d AS (DELETE FROM depths WHERE queue IN (SELECT name FROM temporary)),"
     " gone AS (DELETE FROM messages WHERE (owner = $1 AND state = 1)"
-    " OR queue IN (SELECT name FROM temporary)),"
+    " OR queue IN (SELECT name FROM temporary) RETURNING queue),"
+    " removed AS (SELECT queue FROM gone WHERE queue NOT IN (SELECT name FROM temporary)),"
+    VX_COUNT_REMOVED("removed") ","
     " kept AS (UPDATE messages SET backout = backout + 1, state = 0, owner = NULL, unit = 0"
     " WHERE owner = $1 AND state = 2 AND queue NOT IN (SELECT name FROM temporary)"
     " RETURNING queue),"
     " h AS (DELETE FROM handles WHERE owner = $1 OR queue IN (SELECT name FROM temporary)),"
     " o AS (DELETE FROM owners WHERE token = $1)"
     " SELECT DISTINCT queue FROM kept"};
-// Depth rows of every queue, and of none other: after a crash the volatile
-// ones are gone, and the durable ones of temporary queues are left.
-const Statement kRepairDepths{
-    "repair_depths",
-    "WITH gone AS (DELETE FROM depths WHERE queue NOT IN (SELECT name FROM queues))"
-    " INSERT INTO depths SELECT name, d, 0 FROM queues, (VALUES (true), (false)) v (d)"
-    " ON CONFLICT DO NOTHING"};
+// Depth counters of every queue, and of none other, in two statements: a
+// queue without its slot 0 (after a crash of the server, or an upgrade,
+// every queue) loses its other slots, then has them all again, with its
+// messages counted into slot 0.
+const Statement kForgetBrokenDepths{
+    "forget_broken_depths",
+    "DELETE FROM depths d WHERE d.queue NOT IN (SELECT name FROM queues)"
+    " OR NOT EXISTS (SELECT 1 FROM depths z WHERE z.queue = d.queue AND z.slot = 0)"};
+const Statement kCountDepths{
+    "count_depths",
+    "INSERT INTO depths SELECT q.name, s.slot, CASE WHEN s.slot = 0 THEN"
+    " (SELECT count(*) FROM messages m WHERE m.queue = q.name) ELSE 0 END"
+    " FROM (SELECT DISTINCT name FROM queues) q, generate_series(0, " VX_REMOVAL_SLOTS
+    ") s (slot)"
+    " WHERE NOT EXISTS (SELECT 1 FROM depths z WHERE z.queue = q.name AND z.slot = 0)"};
 
 // Which messages a search or a take considers: the statement's variants
 // differ in the conditions they have (an index serves each).
@@ -315,42 +369,42 @@ std::string findText(unsigned variant) {
 }
 
 // A take in one statement: the expired messages go, and the first visible
-// message, skipping those that others are taking, is removed (or taken into the unit) when its data
-// is no longer than the limit (kind 1), else left in its place and returned (kind 2); with none,
-// the next visible time (kind 0).  With an inhibit of getting given, only
-// while the queue is still so defined, else kind 3 and nothing done.
+// message, skipping those that others are taking, is removed (or taken into
+// the unit) when its data is no longer than the limit (kind 1), else left
+// in its place; what it removed is counted off the depth.  With an inhibit
+// of getting given, only while the queue is still so defined, else kind 3
+// and nothing done.  It has no row when it took nothing: a search then
+// tells why (the store's take()), so that the statement a get runs each
+// time stays small.
 std::string takeText(unsigned variant, TakeInto into) {
   int next = 3;
   const std::string match = matchConditions(variant, &next);
   const std::string longest = "$" + std::to_string(next++);
+  const std::string first = "(m.seq, m.durable) = (SELECT seq, durable FROM messages WHERE " +
+                            match +
+                            " AND (visible IS NULL OR visible <= $2) AND (SELECT ok FROM ok)"
+                            " ORDER BY priority DESC, seq LIMIT 1 FOR UPDATE SKIP LOCKED)"
+                            " AND octet_length(m.data) <= " +
+                            longest;
   std::string taking;
-  const std::string returning =
-      " RETURNING m.seq, m.priority, m.backout, m.expires, m.visible,"
-      " m.descriptor, m.data";
+  std::string removed = "(SELECT count(*) FROM expired)";
   if (into == kRemoving) {
-    taking =
-        "DELETE FROM messages m USING first f WHERE m.seq = f.seq AND m.durable = f.durable"
-        " AND octet_length(m.data) <= " +
-        longest + returning;
+    taking = "DELETE FROM messages m WHERE " + first;
+    removed = "(" + removed + " + (SELECT count(*) FROM taken))";
   } else {
     const std::string owner = "$" + std::to_string(next++);
     const std::string unit = "$" + std::to_string(next++);
-    taking = "UPDATE messages m SET state = 2, owner = " + owner + ", unit = " + unit +
-             " FROM first f WHERE m.seq = f.seq AND m.durable = f.durable"
-             " AND octet_length(m.data) <= " +
-             longest + returning;
+    taking = "UPDATE messages m SET state = 2, owner = " + owner + ", unit = " + unit + " WHERE " +
+             first;
   }
   const std::string inhibit = "$" + std::to_string(next++);
   return "WITH ok AS (SELECT " + inhibit + "::integer IS NULL OR EXISTS (SELECT 1 FROM queues" +
          " WHERE name = $1 AND inhibit_get = " + inhibit + ") AS ok)," +
          " expired AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2" +
-         " AND (SELECT ok FROM ok)), first AS (SELECT seq, durable FROM messages WHERE " + match +
-         " AND (visible IS NULL OR visible <= $2) AND (SELECT ok FROM ok)" +
-         " ORDER BY priority DESC, seq LIMIT 1 FOR UPDATE SKIP LOCKED), taken AS (" + taking +
-         ") SELECT 1, * FROM taken UNION ALL SELECT 2, m.seq, m.priority, m.backout," +
-         " m.expires, m.visible, m.descriptor, m.data FROM messages m JOIN first f" +
-         " ON m.seq = f.seq AND m.durable = f.durable WHERE NOT EXISTS (SELECT 1 FROM taken)" +
-         nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)") +
+         " AND (SELECT ok FROM ok) RETURNING 1), taken AS (" + taking +
+         " RETURNING m.seq, m.priority, m.backout, m.expires, m.visible, m.descriptor, m.data)," +
+         VX_COUNT_REMOVED_SET + removed + VX_COUNT_REMOVED_WHERE("$1") + removed + " > 0)" +
+         " SELECT 1, * FROM taken" +
          " UNION ALL SELECT 3, NULL, NULL, NULL, NULL, NULL, NULL, NULL FROM ok WHERE NOT ok.ok";
 }
 
@@ -523,9 +577,13 @@ class PostgresStore final : public Store {
                                              uint64_t unit, int32_t maxDepth,
                                              Clock::time_point now) override {
     if (state == MessageState::kAvailable) notify(queue);
-    pg::Params params = messageParams(queue, message, durability, state, unit);
-    params.integer(wallMilliseconds(now)).integer(maxDepth);
-    const pg::Result r = query(kAddMessageWithin, std::move(params));
+    const auto add = [&] {
+      pg::Params params = messageParams(queue, message, durability, state, unit);
+      params.integer(maxDepth);
+      return query(kAddMessageWithin, std::move(params));
+    };
+    pg::Result r = add();
+    if (r.rows() == 0 && discardExpired(queue, now) > 0) r = add();
     if (r.rows() == 0) return std::nullopt;
     return MessageKey{message.descriptor.priority, static_cast<uint64_t>(r.integer(0, 0))};
   }
@@ -533,16 +591,20 @@ class PostgresStore final : public Store {
   Added addChecked(const std::string &queue, const QueueDefinition &seen, Message message,
                    Durability durability, MessageState state, uint64_t unit,
                    Clock::time_point now) override {
-    pg::Params params = messageParams(queue, message, durability, state, unit);
-    params.integer(wallMilliseconds(now))
-        .integer(seen.maxDepth)
-        .integer(seen.definitionType)
-        .integer(seen.defaultPersistence)
-        .integer(seen.defaultPriority)
-        .integer(seen.inhibitPut)
-        .integer(seen.maxMsgLength)
-        .text(channel_);
-    const pg::Result r = query(kAddChecked, std::move(params));
+    const auto add = [&] {
+      pg::Params params = messageParams(queue, message, durability, state, unit);
+      params.integer(seen.maxDepth)
+          .integer(seen.definitionType)
+          .integer(seen.defaultPersistence)
+          .integer(seen.defaultPriority)
+          .integer(seen.inhibitPut)
+          .integer(seen.maxMsgLength)
+          .text(channel_);
+      return query(kAddChecked, std::move(params));
+    };
+    // A full queue may have room once its expired messages go.
+    pg::Result r = add();
+    if (r.rows() == 0 && discardExpired(queue, now) > 0) r = add();
     Added added;
     if (r.rows() == 0) return added;
     if (r.integer(0, 0) == 2) {
@@ -575,8 +637,8 @@ class PostgresStore final : public Store {
   }
 
   bool removeMessage(const std::string & /*queue*/, const MessageKey &key) override {
-    return query(kRemoveMessage, pg::Params().integer(static_cast<int64_t>(key.sequence)))
-               .changed() > 0;
+    return query(kRemoveMessage, pg::Params().integer(static_cast<int64_t>(key.sequence))).rows() >
+           0;
   }
 
   bool takeInUnit(const std::string & /*queue*/, const MessageKey &key, uint64_t unit) override {
@@ -589,7 +651,8 @@ class PostgresStore final : public Store {
 
   int32_t discardExpired(const std::string &queue, Clock::time_point now) override {
     return static_cast<int32_t>(
-        query(kDiscardExpired, pg::Params().text(queue).integer(wallMilliseconds(now))).changed());
+        query(kDiscardExpired, pg::Params().text(queue).integer(wallMilliseconds(now)))
+            .integer(0, 0));
   }
 
   void clearQueue(const std::string &queue) override {
@@ -760,7 +823,13 @@ class PostgresStore final : public Store {
     }
     Found taken = found(query(statement, std::move(params)), true);
     if (taken.changed) seen_.erase(queue);
-    return taken;
+    if (taken.changed || taken.taken) return taken;
+    // Nothing taken: the first message is too long (returned, left in its
+    // place), or there is none to take yet (with the time the next becomes
+    // visible), or another session is taking the one there is.
+    Found first = findMessage(queue, selection, now);
+    if (first.message != nullptr && first.message->data.size() <= longest) return Found{};
+    return first;
   }
 
   Found found(const pg::Result &r, bool taking) const {
@@ -999,16 +1068,18 @@ class PostgresStore final : public Store {
       c.execute("CREATE SCHEMA IF NOT EXISTS " + c.identifier(qmName_));
       const pg::Result made =
           c.query({nullptr, "SELECT to_regclass('schema_version') IS NOT NULL"}, pg::Params());
-      if (made.integer(0, 0) == 0) c.execute(kSchema);
+      if (made.integer(0, 0) == 0) c.execute(kTables);
       const int64_t version =
           c.query({nullptr, "SELECT max(version) FROM schema_version"}).integer(0, 0);
+      if (version < 2) c.execute(kDepths);
       if (version > kSchemaVersion) {
         c.execute("ROLLBACK");
         failed({RC_STORE_ERROR, StoreProblem::kOther, location_, "opening the database",
                 "its schema is of a later version (" + std::to_string(version) +
                     ") than this queue manager knows"});
       }
-      c.query(kRepairDepths);
+      c.query(kForgetBrokenDepths);
+      c.query(kCountDepths);
       c.execute("COMMIT");
       c.query(kOwnerLock, pg::Params().text(qmName_).text(owner_));
       c.query(

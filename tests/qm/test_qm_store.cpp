@@ -1572,7 +1572,7 @@ TEST_F(SharedPostgresStore, TheSchemaKeepsItsVersionAndALaterOneIsRefused) {
   EXPECT_EQ(
       connection.query({nullptr, ("SELECT version FROM " + schema + ".schema_version").c_str()})
           .integer(0, 0),
-      1);
+      2);
   connection.execute("UPDATE " + schema + ".schema_version SET version = 99");
   try {
     open();
@@ -1583,6 +1583,167 @@ TEST_F(SharedPostgresStore, TheSchemaKeepsItsVersionAndALaterOneIsRefused) {
   admin::StoreFailure account;
   ASSERT_TRUE(findStoreFailure(stores.place.qmName, &account));
   EXPECT_NE(account.cause.find("later version"), std::string::npos) << account.cause;
+}
+
+// The depths of the schema's first version: one row per queue and
+// durability, kept by triggers.
+constexpr const char *kFirstDepths = R"sql(
+DROP TABLE depths;
+CREATE TABLE depths (
+  queue text NOT NULL, durable boolean NOT NULL, depth bigint NOT NULL,
+  PRIMARY KEY (queue, durable)) PARTITION BY LIST (durable);
+CREATE TABLE durable_depths PARTITION OF depths FOR VALUES IN (true);
+CREATE UNLOGGED TABLE volatile_depths PARTITION OF depths FOR VALUES IN (false);
+CREATE FUNCTION messages_added() RETURNS trigger LANGUAGE plpgsql SET search_path FROM CURRENT
+AS $$ BEGIN
+  INSERT INTO depths SELECT queue, durable, count(*) FROM added GROUP BY queue, durable
+    ON CONFLICT (queue, durable) DO UPDATE SET depth = depths.depth + excluded.depth;
+  RETURN NULL;
+END $$;
+CREATE FUNCTION messages_removed() RETURNS trigger LANGUAGE plpgsql SET search_path FROM CURRENT
+AS $$ BEGIN
+  UPDATE depths d SET depth = d.depth - r.count
+    FROM (SELECT queue, durable, count(*) FROM removed GROUP BY queue, durable) r
+    WHERE d.queue = r.queue AND d.durable = r.durable;
+  RETURN NULL;
+END $$;
+CREATE TRIGGER messages_added AFTER INSERT ON messages REFERENCING NEW TABLE AS added
+  FOR EACH STATEMENT EXECUTE FUNCTION messages_added();
+CREATE TRIGGER messages_removed AFTER DELETE ON messages REFERENCING OLD TABLE AS removed
+  FOR EACH STATEMENT EXECUTE FUNCTION messages_removed();
+INSERT INTO depths VALUES ('Q', true, 2), ('Q', false, 1), ('R', true, 0), ('R', false, 0);
+UPDATE schema_version SET version = 1;
+)sql";
+
+// A session of its own on the queue manager's schema, for what the tests
+// do behind the stores' backs.
+class SchemaSession {
+ public:
+  explicit SchemaSession(const PostgresPlace &place) : connection_(place.uri) {
+    connection_.execute("SET client_min_messages = warning");
+    connection_.execute("SET search_path = " + connection_.identifier(place.qmName));
+  }
+  void execute(const std::string &sql) { connection_.execute(sql); }
+  // The first column of the first row of `sql`, a bigint.
+  int64_t value(const char *sql) { return connection_.query({nullptr, sql}).integer(0, 0); }
+
+ private:
+  pg::Connection connection_;
+};
+
+TEST_F(SharedPostgresStore, ASchemaOfTheFirstVersionOpensWithItsDepthsCounted) {
+  {
+    auto store = open();
+    store->createQueue(queue("Q"), 0);
+    store->createQueue(queue("R"), 0);
+    store->addMessage("Q", message(0, "q1"), kDurable, kAvailable, 0);
+    store->addMessage("Q", message(0, "q2"), kDurable, kAvailable, 0);
+    store->addMessage("Q", message(0, "q3"), kVolatile, kAvailable, 0);
+  }
+  SchemaSession(stores.place).execute(kFirstDepths);
+  auto store = open();
+  SchemaSession schema(stores.place);
+  EXPECT_EQ(schema.value("SELECT max(version) FROM schema_version"), 2);
+  EXPECT_EQ(schema.value("SELECT to_regclass('durable_depths') IS NULL"), 1);
+  EXPECT_EQ(store->depth("Q"), 3);
+  EXPECT_EQ(store->depth("R"), 0);
+  EXPECT_TRUE(store->takeMessage("Q", {}, now, 0, 100).taken);
+  store->addMessage("R", message(0, "r"), kDurable, kAvailable, 0);
+  EXPECT_EQ(store->depth("Q"), 2);
+  EXPECT_EQ(store->depth("R"), 1);
+}
+
+TEST_F(SharedPostgresStore, DepthsThatTheServerLostAreCountedAgain) {
+  auto one = open();
+  one->createQueue(queue("Q"), 0);
+  one->addMessage("Q", message(0, "kept"), kDurable, kAvailable, 0);
+  one->addMessage("Q", message(0, "kept too"), kDurable, kAvailable, 0);
+  EXPECT_TRUE(one->takeMessage("Q", {}, now, 0, 100).taken);
+  one.reset();
+  // A crash of the server empties its unlogged tables, the depths with them.
+  SchemaSession(stores.place).execute("TRUNCATE depths");
+  auto other = open();
+  EXPECT_EQ(other->depth("Q"), 1);
+  emptyPostgresVolatile(stores.place);
+  EXPECT_EQ(open()->depth("Q"), 1);
+}
+
+TEST_F(SharedPostgresStore, GetsOfManySessionsAllCountAndPutsSeeThem) {
+  QueueDefinition three = queue("Q");
+  three.maxDepth = 3;
+  std::vector<std::unique_ptr<Store>> sessions;
+  for (int i = 0; i < 10; ++i) sessions.push_back(open());
+  sessions[0]->createQueue(three, 0);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_TRUE(
+        sessions[0]->addMessageWithin("Q", message(0, "m"), kDurable, kAvailable, 0, 3, now));
+  EXPECT_FALSE(
+      sessions[0]->addMessageWithin("Q", message(0, "x"), kDurable, kAvailable, 0, 3, now));
+  // Ten sessions take and put back: each removal counts, wherever it is
+  // counted, and a put sees every one that ended.
+  for (auto &session : sessions) {
+    EXPECT_TRUE(session->takeMessage("Q", {}, now, 0, 100).taken);
+    EXPECT_EQ(sessions[0]->depth("Q"), 2);
+    EXPECT_TRUE(session->addMessageWithin("Q", message(0, "m"), kVolatile, kAvailable, 0, 3, now));
+    EXPECT_FALSE(session->addMessageWithin("Q", message(0, "x"), kDurable, kAvailable, 0, 3, now));
+  }
+  SchemaSession schema(stores.place);
+  EXPECT_GT(schema.value("SELECT count(*) FROM depths WHERE slot > 0 AND depth <> 0"), 1)
+      << "the removals were counted apart";
+  EXPECT_EQ(schema.value("SELECT sum(depth)::bigint FROM depths WHERE queue = 'Q'"), 3);
+}
+
+TEST_F(SharedPostgresStore, AQueueMadeAgainStartsEmptyOfOldCounts) {
+  auto one = open();
+  auto other = open();
+  one->createQueue(queue("Q"), 0);
+  one->addMessage("Q", message(0, "a"), kDurable, kAvailable, 0);
+  one->addMessage("Q", message(0, "b"), kVolatile, kAvailable, 0);
+  EXPECT_TRUE(other->takeMessage("Q", {}, now, 0, 100).taken);
+  one->deleteQueue("Q");
+  SchemaSession schema(stores.place);
+  EXPECT_EQ(schema.value("SELECT count(*) FROM depths"), 0)
+      << "the removals of the delete counted nowhere";
+  other->createQueue(queue("Q"), 0);
+  EXPECT_EQ(one->depth("Q"), 0);
+  one->addMessage("Q", message(0, "c"), kDurable, kAvailable, 0);
+  EXPECT_EQ(other->depth("Q"), 1);
+}
+
+TEST_F(SharedPostgresStore, ATakeSkipsAMessageThatAnotherIsTaking) {
+  auto one = open();
+  auto other = open();
+  one->createQueue(queue("Q"), 0);
+  one->addMessage("Q", message(0, "only"), kDurable, kAvailable, 0);
+  one->beginStep();
+  EXPECT_TRUE(one->takeMessage("Q", {}, now, 0, 100).taken);
+  // Not too long, not yet gone: nothing to take, and nothing to return.
+  const Found found = other->takeMessage("Q", {}, now, 0, 100);
+  EXPECT_FALSE(found.taken);
+  EXPECT_EQ(found.message, nullptr);
+  EXPECT_EQ(found.nextVisible, Clock::time_point::max());
+  one->endStep(false);
+  EXPECT_EQ(dataOf(other->takeMessage("Q", {}, now, 0, 100)), "only");
+}
+
+TEST_F(SharedPostgresStore, ACheckedPutOnAFullQueueMakesRoomOfTheExpired) {
+  auto store = open();
+  QueueDefinition two = queue("Q");
+  two.maxDepth = 2;
+  store->createQueue(two, 0);
+  QueueDefinition seen;
+  ASSERT_TRUE(store->seenQueue("Q", &seen));
+  Message expiring = message(0, "expiring");
+  expiring.expiresAt = now + seconds(1);
+  store->addMessage("Q", std::move(expiring), kDurable, kAvailable, 0);
+  store->addMessage("Q", message(0, "kept"), kDurable, kAvailable, 0);
+  EXPECT_FALSE(store->addChecked("Q", seen, message(0, "x"), kDurable, kAvailable, 0, now).key);
+  EXPECT_EQ(store->depth("Q"), 2);
+  EXPECT_TRUE(
+      store->addChecked("Q", seen, message(0, "room"), kVolatile, kAvailable, 0, now + seconds(2))
+          .key);
+  EXPECT_EQ(browse(*store, "Q", now + seconds(2)), "kept room");
+  EXPECT_EQ(store->depth("Q"), 2);
 }
 
 TEST_F(SharedPostgresStore, AServerThatCannotBeReachedIsNotAvailable) {
