@@ -353,9 +353,15 @@ constexpr const char *kMessageColumns =
 
 // The earliest time a matching message that is not visible yet becomes
 // visible, when `none` holds.
-std::string nextVisibleBranch(const std::string &match, const char *none) {
+std::string nextVisibleBranch(const std::string &match, const std::string &none) {
   return std::string(" UNION ALL SELECT 0, NULL, NULL, NULL, NULL, min(visible), NULL, NULL") +
          " FROM messages WHERE " + none + " AND " + match + " AND visible > $2";
+}
+
+// The first visible message that `match` holds for.
+std::string firstVisible(const std::string &match) {
+  return std::string("SELECT ") + kMessageColumns + " FROM messages WHERE " + match +
+         " AND (visible IS NULL OR visible <= $2) ORDER BY priority DESC, seq LIMIT 1";
 }
 
 // A search: the first visible message (kind 1), else the next visible time
@@ -363,19 +369,18 @@ std::string nextVisibleBranch(const std::string &match, const char *none) {
 std::string findText(unsigned variant) {
   int next = 3;
   const std::string match = matchConditions(variant, &next);
-  return std::string("WITH first AS (SELECT ") + kMessageColumns + " FROM messages WHERE " + match +
-         " AND (visible IS NULL OR visible <= $2) ORDER BY priority DESC, seq LIMIT 1)" +
-         " SELECT 1, * FROM first" + nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)");
+  return "WITH first AS (" + firstVisible(match) + ") SELECT 1, * FROM first" +
+         nextVisibleBranch(match, "NOT EXISTS (SELECT 1 FROM first)");
 }
 
 // A take in one statement: the expired messages go, and the first visible
 // message, skipping those that others are taking, is removed (or taken into
-// the unit) when its data is no longer than the limit (kind 1), else left
-// in its place; what it removed is counted off the depth.  With an inhibit
-// of getting given, only while the queue is still so defined, else kind 3
-// and nothing done.  It has no row when it took nothing: a search then
-// tells why (the store's take()), so that the statement a get runs each
-// time stays small.
+// the unit) when its data is no longer than the limit (kind 1), and counted
+// off the depth.  When it took nothing, the search's answer: the first
+// visible message, too long or being taken by another (kind 2), else the
+// next visible time (kind 0); only then are those parts run.  With an
+// inhibit of getting given, only while the queue is still so defined, else
+// kind 3 and nothing done.
 std::string takeText(unsigned variant, TakeInto into) {
   int next = 3;
   const std::string match = matchConditions(variant, &next);
@@ -398,13 +403,16 @@ std::string takeText(unsigned variant, TakeInto into) {
              first;
   }
   const std::string inhibit = "$" + std::to_string(next++);
+  const std::string nothingTaken = "NOT EXISTS (SELECT 1 FROM taken)";
   return "WITH ok AS (SELECT " + inhibit + "::integer IS NULL OR EXISTS (SELECT 1 FROM queues" +
          " WHERE name = $1 AND inhibit_get = " + inhibit + ") AS ok)," +
          " expired AS (DELETE FROM messages WHERE queue = $1 AND expires <= $2 AND state <> 2" +
          " AND (SELECT ok FROM ok) RETURNING 1), taken AS (" + taking +
          " RETURNING m.seq, m.priority, m.backout, m.expires, m.visible, m.descriptor, m.data)," +
-         VX_COUNT_REMOVED_SET + removed + VX_COUNT_REMOVED_WHERE("$1") + removed + " > 0)" +
-         " SELECT 1, * FROM taken" +
+         VX_COUNT_REMOVED_SET + removed + VX_COUNT_REMOVED_WHERE("$1") + removed + " > 0)," +
+         " first AS (" + firstVisible(nothingTaken + " AND " + match) + ")" +
+         " SELECT 1, * FROM taken UNION ALL SELECT 2, * FROM first" +
+         nextVisibleBranch(match, nothingTaken + " AND NOT EXISTS (SELECT 1 FROM first)") +
          " UNION ALL SELECT 3, NULL, NULL, NULL, NULL, NULL, NULL, NULL FROM ok WHERE NOT ok.ok";
 }
 
@@ -823,13 +831,11 @@ class PostgresStore final : public Store {
     }
     Found taken = found(query(statement, std::move(params)), true);
     if (taken.changed) seen_.erase(queue);
-    if (taken.changed || taken.taken) return taken;
-    // Nothing taken: the first message is too long (returned, left in its
-    // place), or there is none to take yet (with the time the next becomes
-    // visible), or another session is taking the one there is.
-    Found first = findMessage(queue, selection, now);
-    if (first.message != nullptr && first.message->data.size() <= longest) return Found{};
-    return first;
+    // The first message, not taken and not too long, is another session's
+    // to take.
+    if (!taken.taken && taken.message != nullptr && taken.message->data.size() <= longest)
+      return Found{};
+    return taken;
   }
 
   Found found(const pg::Result &r, bool taking) const {
