@@ -167,14 +167,6 @@ UPDATE schema_version SET version = 2;
 constexpr const char *kEmptyVolatile =
     "TRUNCATE volatile_messages, temporary_queues, depths, handles, owners";
 
-// Whether an owner's lock is held, in SQL over a token column `t`: the
-// advisory locks of pg_locks show their two keys as unsigned numbers.
-#define VX_LOCK_HELD(t)                                                                \
-  "EXISTS (SELECT 1 FROM pg_locks l WHERE l.locktype = 'advisory' AND l.granted"       \
-  " AND l.database = (SELECT oid FROM pg_database WHERE datname = current_database())" \
-  " AND l.objsubid = 2 AND l.classid::bigint = (hashtext($1)::bigint & 4294967295)"    \
-  " AND l.objid::bigint = (hashtext(" t ")::bigint & 4294967295))"
-
 using pg::Statement;
 const Statement kBegin{nullptr, "BEGIN"};
 const Statement kCommit{nullptr, "COMMIT"};
@@ -278,11 +270,20 @@ const Statement kEndUnit{
     " WHERE owner = $1 AND unit = $2 AND state = $4 RETURNING queue)"
     " SELECT q.queue FROM (SELECT DISTINCT queue FROM kept) q,"
     " LATERAL (SELECT pg_notify($6, q.queue)) n"};
+// Every other owner, with whether its lock is held: the owners' rows, and
+// the tokens that only messages of units still carry.  pg_locks is read
+// once for all of them (each read copies the server's lock table); it
+// shows an advisory lock's two keys as unsigned numbers.
 const Statement kOwners{
     "owners",
-    "SELECT token, host, pid, start_time, " VX_LOCK_HELD("token") " FROM owners WHERE token <> $2"
-    " UNION ALL SELECT DISTINCT owner, '', 0, 0, " VX_LOCK_HELD("owner") " FROM messages"
-    " WHERE owner IS NOT NULL AND owner <> $2 AND owner NOT IN (SELECT token FROM owners)"};
+    "WITH held AS MATERIALIZED (SELECT classid::bigint AS schema, objid::bigint AS token"
+    " FROM pg_locks WHERE locktype = 'advisory' AND granted AND objsubid = 2"
+    " AND database = (SELECT oid FROM pg_database WHERE datname = current_database())),"
+    " known AS (SELECT token, host, pid, start_time FROM owners WHERE token <> $2"
+    " UNION ALL SELECT DISTINCT owner, '', 0, 0 FROM messages WHERE owner IS NOT NULL"
+    " AND owner <> $2 AND owner NOT IN (SELECT token FROM owners))"
+    " SELECT k.*, EXISTS (SELECT 1 FROM held h WHERE h.schema = (hashtext($1)::bigint & 4294967295)"
+    " AND h.token = (hashtext(k.token)::bigint & 4294967295)) FROM known k"};
 const Statement kTryOwnerLock{"try_owner_lock",
                               "SELECT pg_try_advisory_lock(hashtext($1), hashtext($2))"};
 const Statement kOwnerUnlock{"owner_unlock",
