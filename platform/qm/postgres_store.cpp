@@ -139,7 +139,7 @@ UPDATE schema_version SET version = 2;
 // end, and then reads what it added.  A removal that ends meanwhile is
 // missed, which makes the queue look fuller, never emptier.  Expired
 // messages still count: a put that finds the queue full discards them and
-// tries again (addWithin).
+// tries again (addMessageWithin, addChecked).
 #define VX_HOLD_DEPTH(queue, limit, condition)                         \
   " held AS (UPDATE depths SET depth = depth + 1 WHERE queue = " queue \
   " AND slot = 0"                                                      \
@@ -224,7 +224,7 @@ const Statement kLockedDepth{
 const Statement kAddMessage{
     "add_message",
     "WITH added AS (" VX_INSERT_MESSAGE("(VALUES (1)) v") " RETURNING seq),"
-    " held AS (UPDATE depths SET depth = depth + 1 WHERE queue = $2 AND slot = 0)"
+    " counted AS (UPDATE depths SET depth = depth + 1 WHERE queue = $2 AND slot = 0)"
     " SELECT seq FROM added"};
 // A put's add with its depth check: the message is added while the depth
 // is below $13.
