@@ -591,8 +591,7 @@ class PostgresStore final : public Store {
       params.integer(maxDepth);
       return query(kAddMessageWithin, std::move(params));
     };
-    pg::Result r = add();
-    if (r.rows() == 0 && discardExpired(queue, now) > 0) r = add();
+    const pg::Result r = addMakingRoom(queue, now, add);
     if (r.rows() == 0) return std::nullopt;
     return MessageKey{message.descriptor.priority, static_cast<uint64_t>(r.integer(0, 0))};
   }
@@ -611,9 +610,7 @@ class PostgresStore final : public Store {
           .text(channel_);
       return query(kAddChecked, std::move(params));
     };
-    // A full queue may have room once its expired messages go.
-    pg::Result r = add();
-    if (r.rows() == 0 && discardExpired(queue, now) > 0) r = add();
+    const pg::Result r = addMakingRoom(queue, now, add);
     Added added;
     if (r.rows() == 0) return added;
     if (r.integer(0, 0) == 2) {
@@ -889,6 +886,16 @@ class PostgresStore final : public Store {
       for (int i = 0; i < r.rows(); ++i) available.push_back(r.text(i, 0));
     });
     return available;
+  }
+
+  // Runs `add`, a put's statement that has no row when the queue is full;
+  // a full queue may have room once its expired messages go, and then it
+  // runs again.
+  template <typename Add>
+  pg::Result addMakingRoom(const std::string &queue, Clock::time_point now, Add add) {
+    pg::Result r = add();
+    if (r.rows() == 0 && discardExpired(queue, now) > 0) r = add();
+    return r;
   }
 
   // A notification of a change to the queue, sent with the next statement
