@@ -191,14 +191,19 @@ TEST_F(SvcTest, BlocksOfGetMemPassWithinTheirLength) {
 // A page inside a block is made inaccessible behind the services' back: a
 // check of the block as it was obtained still passes, because the block is
 // recognised from its record alone, while a check one byte longer than the
-// block has to ask the kernel and finds the page.
+// block has to ask the kernel and finds the page.  The hidden page is the
+// first one that starts after the block does, so that it is never the
+// block's own address (which would be recognised) when the block happens
+// to start on a page boundary.
 TEST_F(SvcTest, BlocksOfGetMemAreRecognisedWithoutAskingTheKernel) {
   const size_t page = pageSize();
   const auto size = static_cast<int32_t>(3 * page);
   void *block = nullptr;
   ASSERT_EQ(svcGetMem(kTestComponent, 2, size, 0, &block), 0);
   auto start = reinterpret_cast<uintptr_t>(block);
-  auto *hidden = reinterpret_cast<char *>((start + page - 1) & ~(page - 1));
+  auto *hidden = reinterpret_cast<char *>((start + page) & ~(page - 1));
+  ASSERT_GT(reinterpret_cast<uintptr_t>(hidden), start);
+  ASSERT_LE(reinterpret_cast<uintptr_t>(hidden) + page, start + 3 * page);
   ASSERT_EQ(mprotect(hidden, page, PROT_NONE), 0);
 
   for (int32_t mode : kModes) {
