@@ -24,6 +24,21 @@ bool endsSession(const std::string &sqlState) {
          sqlState == "57P03";
 }
 
+// libpq's words on one line: its messages end in a newline and may add
+// indented lines ("\tIs the server running on that host ...?").
+std::string oneLine(const char *message) {
+  std::string line;
+  for (const char *at = message; *at != 0;) {
+    const char *end = std::strchr(at, '\n');
+    if (end == nullptr) end = at + std::strlen(at);
+    const char *start = at;
+    while (start < end && (*start == ' ' || *start == '\t')) ++start;
+    if (start < end) line.append(line.empty() ? "" : "; ").append(start, end);
+    at = *end == 0 ? end : end + 1;
+  }
+  return line;
+}
+
 }  // namespace
 
 Params &Params::text(std::string_view value) {
@@ -105,7 +120,7 @@ Connection::Connection(const std::string &uri) {
   PQsetNoticeProcessor(
       connection_, [](void *, const char *) {}, nullptr);
   if (PQstatus(connection_) != CONNECTION_OK) {
-    Error failure{"", PQerrorMessage(connection_), true};
+    Error failure{"", oneLine(PQerrorMessage(connection_)), true};
     PQfinish(connection_);
     connection_ = nullptr;
     throw failure;
@@ -118,7 +133,7 @@ Connection::~Connection() {
 
 std::string Connection::identifier(const std::string &name) const {
   char *quoted = PQescapeIdentifier(connection_, name.data(), name.size());
-  if (quoted == nullptr) throw Error{"", PQerrorMessage(connection_), lost()};
+  if (quoted == nullptr) throw Error{"", oneLine(PQerrorMessage(connection_)), lost()};
   std::string result = quoted;
   PQfreemem(quoted);
   return result;
@@ -129,10 +144,11 @@ Error Connection::error(const PGresult *result) const {
   if (result != nullptr) {
     const char *state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
     if (state != nullptr) failure.sqlState = state;
-    failure.message = PQresultErrorMessage(result);
+    // The server's own sentence, without "ERROR:" and the detail lines.
+    const char *primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+    failure.message = oneLine(primary != nullptr ? primary : PQresultErrorMessage(result));
   }
-  if (failure.message.empty()) failure.message = PQerrorMessage(connection_);
-  while (!failure.message.empty() && failure.message.back() == '\n') failure.message.pop_back();
+  if (failure.message.empty()) failure.message = oneLine(PQerrorMessage(connection_));
   failure.lost = lost() || endsSession(failure.sqlState) || result == nullptr;
   return failure;
 }

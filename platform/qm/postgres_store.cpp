@@ -1052,7 +1052,10 @@ class PostgresStore final : public Store {
     failed(failure);
   }
 
-  [[noreturn]] void failed(const StoreFailure &failure) const { storeFailed(qmName_, failure); }
+  [[noreturn]] void failed(StoreFailure failure) const {
+    failure.server = true;
+    storeFailed(qmName_, failure);
+  }
 
   // A new session: connects, makes or checks the schema, and takes the
   // owner's lock before its row is seen.  What a previous session held is

@@ -133,11 +133,14 @@ enum class StoreProblem : int32_t {
 
 // The last failure of a queue manager's store in this process.
 struct StoreFailure {
-  int32_t reason = RC_NONE;  // RC_STORE_ERROR, RC_STORE_FULL, RC_STORE_READ_ONLY
+  // RC_STORE_ERROR, RC_STORE_FULL, RC_STORE_READ_ONLY; from a database
+  // server also RC_Q_MGR_NOT_AVAILABLE and RC_CONNECTION_BROKEN.
+  int32_t reason = RC_NONE;
   StoreProblem problem = StoreProblem::kOther;
-  std::string path;    // the file or directory
-  std::string action;  // what the store was doing ("opening the database")
-  std::string cause;   // the database engine's or the system's own words
+  std::string path;     // the file or directory, or the server's database and schema
+  std::string action;   // what the store was doing ("opening the database")
+  std::string cause;    // the database engine's or the system's own words
+  bool server = false;  // the store is a database server's, not files
 };
 
 // The last store failure of the queue manager `qmName` in this process

@@ -245,11 +245,13 @@ int64_t monotonicMilliseconds() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// The line the daemon reports on `fd`; empty when it ends the pipe without
-// one, "timeout" when none comes within `wait` ms (-1: no limit).
+// What the daemon reports on `fd` before it closes the pipe: one line, or
+// more when a failure has its account and next step after the reason.
+// Empty when it closes the pipe without a report, "timeout" when the pipe
+// stays open beyond `wait` ms (-1: no limit).
 std::string readReport(int fd, int32_t wait) {
   int64_t deadline = monotonicMilliseconds() + wait;
-  std::string line;
+  std::string report;
   for (;;) {
     int remaining =
         wait < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, deadline - monotonicMilliseconds()));
@@ -260,10 +262,12 @@ std::string readReport(int fd, int32_t wait) {
     char buffer[512];
     ssize_t length = read(fd, buffer, sizeof buffer);
     if (length < 0 && errno == EINTR) continue;
-    if (length <= 0) return "";
-    line.append(buffer, static_cast<size_t>(length));
-    size_t end = line.find('\n');
-    if (end != std::string::npos) return line.substr(0, end);
+    if (length < 0) return "";
+    if (length == 0) {
+      if (!report.empty() && report.back() == '\n') report.pop_back();
+      return report;
+    }
+    report.append(buffer, static_cast<size_t>(length));
   }
 }
 
@@ -308,16 +312,16 @@ Outcome startServer(const GlobalOptions &global) {
   close(pipeFds[1]);
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
-  std::string line = readReport(pipeFds[0], wait);
+  std::string report = readReport(pipeFds[0], wait);
   close(pipeFds[0]);
-  if (line.rfind("failed ", 0) == 0) return {kFailure, "start: " + line.substr(7)};
-  if (line == "timeout")
+  if (report.rfind("failed ", 0) == 0) return {kFailure, "start: " + report.substr(7)};
+  if (report == "timeout")
     return {kFailure, "start: the " + subject + " did not report within " + std::to_string(wait) +
                           " ms (see " + files.logFile + ")"};
-  if (line.rfind("ready ", 0) != 0)
+  if (report.rfind("ready ", 0) != 0)
     return {kFailure,
             "start: the " + subject + " ended before it was ready (see " + files.logFile + ")"};
-  pid_t pid = static_cast<pid_t>(std::atoi(line.c_str() + 6));
+  pid_t pid = static_cast<pid_t>(std::atoi(report.c_str() + 6));
   Json document;
   document["q_mgr_name"] = options.qmgr;
   document["command_server"] = "started";

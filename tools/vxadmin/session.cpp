@@ -211,9 +211,37 @@ std::string directoryOf(const vxqm::admin::StoreFailure &failure) {
   return slash == std::string::npos ? "." : slash == 0 ? "/" : failure.path.substr(0, slash);
 }
 
+// What a person does next about a failure of a database server's store.
+std::string nextStepOnServer(const vxqm::admin::StoreFailure &failure) {
+  using vxqm::admin::StoreProblem;
+  if (failure.reason == RC_Q_MGR_NOT_AVAILABLE)
+    return "check that the PostgreSQL server runs and accepts connections there, and the "
+           "URI given to --data or VXQM_DATA (user, password, database)";
+  if (failure.reason == RC_CONNECTION_BROKEN)
+    return "run the command again: it connects anew; if the connection breaks again, check "
+           "the server and the network";
+  switch (failure.problem) {
+    case StoreProblem::kPermission:
+      return "the database role needs CONNECT and CREATE on the database, or a schema of its "
+             "own named after the queue manager";
+    case StoreProblem::kReadOnly:
+      return "the server takes no writes (is it a standby?): give --data the primary";
+    case StoreProblem::kFull:
+      return "the database server's disk is full: make room there";
+    case StoreProblem::kBusy:
+      return "other sessions held the queue manager's rows: try again";
+    case StoreProblem::kDamaged:
+      return "the queue manager's tables hold what it did not write: restore them from a "
+             "backup";
+    default:
+      return "the server's log tells more";
+  }
+}
+
 // What a person does next about a store failure.
 std::string nextStep(const vxqm::admin::StoreFailure &failure) {
   using vxqm::admin::StoreProblem;
+  if (failure.server) return nextStepOnServer(failure);
   const std::string dir = directoryOf(failure);
   switch (failure.problem) {
     case StoreProblem::kPermission:
@@ -253,7 +281,8 @@ std::string storeFailureLines(const vxqm::admin::StoreFailure &failure) {
 }  // namespace
 
 std::string withStoreFailure(const std::string &qmgr, int32_t reason, const std::string &line) {
-  if (reason != RC_STORE_ERROR && reason != RC_STORE_FULL && reason != RC_STORE_READ_ONLY)
+  if (reason != RC_STORE_ERROR && reason != RC_STORE_FULL && reason != RC_STORE_READ_ONLY &&
+      reason != RC_Q_MGR_NOT_AVAILABLE && reason != RC_CONNECTION_BROKEN)
     return line;
   vxqm::admin::StoreFailure failure;
   if (!vxqm::admin::lastStoreFailure(qmgr, &failure) || failure.reason != reason) return line;
